@@ -94,7 +94,12 @@ bool refill(Stream* s) {
       int bzerr = BZ_OK;
       got = BZ2_bzRead(&bzerr, s->bz, s->buf + s->len, static_cast<int>(room));
       if (bzerr != BZ_OK && bzerr != BZ_STREAM_END) got = -1;
-      if (bzerr == BZ_STREAM_END && got == 0) got = 0;
+      if (bzerr == BZ_STREAM_END) {
+        // Reading past the end of a bzip2 stream is an error of its own.
+        s->len += static_cast<size_t>(got > 0 ? got : 0);
+        s->eof = true;
+        return got > 0;
+      }
       break;
     }
     default: got = static_cast<long>(archive_read_data(s->ar, s->buf + s->len, room)); break;
