@@ -23,9 +23,10 @@ int nextPrime(int wanted) {
   }
 }
 
-NameIndex* nameIndexCreate(VRXenv* env, int wanted) {
+NameIndex* nameIndexCreate(VRXenv* env, int wanted, bool growable) {
   auto* idx = static_cast<NameIndex*>(envCalloc(env, 1, sizeof(NameIndex)));
   if (!idx) return nullptr;
+  idx->growable = growable ? 1 : 0;
   idx->slotCount = nextPrime(wanted);
   idx->slots = envCallocArray<NameEntry*>(env, static_cast<size_t>(idx->slotCount));
   if (!idx->slots) {
@@ -35,7 +36,30 @@ NameIndex* nameIndexCreate(VRXenv* env, int wanted) {
   return idx;
 }
 
+static void rehash(VRXenv* env, NameIndex* index) {
+  int slots = nextPrime(index->slotCount * 4);
+  auto* fresh = envCallocArray<NameEntry*>(env, static_cast<size_t>(slots));
+  if (!fresh) return;  // keep the longer chains
+  for (int s = 0; s < index->slotCount; ++s) {
+    NameEntry* e = index->slots[s];
+    while (e) {
+      NameEntry* next = e->next;
+      uint32_t slot = nameHash(e->key) % static_cast<uint32_t>(slots);
+      // Appending keeps the first-wins order of equal keys.
+      NameEntry** tail = &fresh[slot];
+      while (*tail) tail = &(*tail)->next;
+      e->next = nullptr;
+      *tail = e;
+      e = next;
+    }
+  }
+  envFree(env, index->slots);
+  index->slots = fresh;
+  index->slotCount = slots;
+}
+
 int nameIndexInsert(VRXenv* env, NameIndex* index, const char* key, int value) {
+  if (index->growable && index->count > 2 * index->slotCount) rehash(env, index);
   uint32_t slot = nameHash(key) % static_cast<uint32_t>(index->slotCount);
   NameEntry** tail = &index->slots[slot];
   for (NameEntry* e = *tail; e; e = e->next) {
@@ -52,6 +76,7 @@ int nameIndexInsert(VRXenv* env, NameIndex* index, const char* key, int value) {
   e->value = value;
   e->next = nullptr;
   *tail = e;
+  index->count++;
   return 0;
 }
 

@@ -16,12 +16,14 @@ struct NameEntry {
 struct NameIndex {
   int slotCount;  // a prime
   NameEntry** slots;
+  int count;      // entries held
+  int growable;   // rehash when entries outnumber slots twice
 };
 
 uint32_t nameHash(const char* key);
 int nextPrime(int wanted);
-// Null when memory ran out.
-NameIndex* nameIndexCreate(VRXenv* env, int wanted);
+// Null when memory ran out. A growable index rehashes as it fills.
+NameIndex* nameIndexCreate(VRXenv* env, int wanted, bool growable = false);
 // 0, or 10001. On a duplicate key the first entry stays.
 int nameIndexInsert(VRXenv* env, NameIndex* index, const char* key, int value);
 // The value, or -1 when the key is absent.
