@@ -305,6 +305,41 @@ VRX_API int VRXcopyparams(VRXenv *dest, VRXenv *src);
 VRX_API int VRXreadparams(VRXenv *env, const char *filename);
 VRX_API int VRXwriteparams(VRXenv *env, const char *filename);
 
+/* ---- Model store ---- */
+VRX_API int VRXnewmodel(VRXenv *env, VRXmodel **modelP, const char *Pname, int numvars,
+                        const double *obj, const double *lb, const double *ub,
+                        const char *vtype, char **varnames);
+VRX_API int VRXloadmodel(VRXenv *env, VRXmodel **modelP, const char *Pname, int numvars,
+                         int numconstrs, int objsense, double objcon, const double *obj,
+                         const char *sense, const double *rhs, const int *vbeg,
+                         const int *vlen, const int *vind, const double *vval,
+                         const double *lb, const double *ub, const char *vtype,
+                         char **varnames, char **constrnames);
+VRX_API int VRXXloadmodel(VRXenv *env, VRXmodel **modelP, const char *Pname, int numvars,
+                          int numconstrs, int objsense, double objcon, const double *obj,
+                          const char *sense, const double *rhs, const size_t *vbeg,
+                          const int *vlen, const int *vind, const double *vval,
+                          const double *lb, const double *ub, const char *vtype,
+                          char **varnames, char **constrnames);
+VRX_API int VRXfreemodel(VRXmodel *model);
+VRX_API VRXmodel *VRXcopymodel(VRXmodel *model);
+VRX_API int VRXgetvars(VRXmodel *model, int *numnzP, int *vbeg, int *vind, double *vval,
+                       int start, int len);
+VRX_API int VRXXgetvars(VRXmodel *model, size_t *numnzP, size_t *vbeg, int *vind,
+                        double *vval, int start, int len);
+VRX_API int VRXgetconstrs(VRXmodel *model, int *numnzP, int *cbeg, int *cind, double *cval,
+                          int start, int len);
+VRX_API int VRXXgetconstrs(VRXmodel *model, size_t *numnzP, size_t *cbeg, int *cind,
+                           double *cval, int start, int len);
+VRX_API int VRXgetcoeff(VRXmodel *model, int constr, int var, double *valP);
+VRX_API int VRXgetsos(VRXmodel *model, int *nummembersP, int *sostype, int *beg, int *ind,
+                      double *weight, int start, int len);
+VRX_API int VRXgetq(VRXmodel *model, int *numqnzP, int *qrow, int *qcol, double *qval);
+VRX_API int VRXgetqconstr(VRXmodel *model, int qconstr, int *numlnzP, int *lind,
+                          double *lval, int *numqnzP, int *qrow, int *qcol, double *qval);
+VRX_API void VRXclean2(int *lenP, int *ind, double *val);
+VRX_API void VRXclean3(int *lenP, int *ind0, int *ind1, double *val);
+
 #ifdef __cplusplus
 }
 #endif

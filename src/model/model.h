@@ -1,12 +1,17 @@
 // The model handle. The committed store and the batch of changes live behind it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "env/env.h"
 
 struct VRXmodeldata;
 struct VRXpending;
+
+namespace vrx {
+struct NameIndex;
+}
 
 struct VRXmodel {
   uint32_t magic;
@@ -41,5 +46,73 @@ struct VRXmodel {
   VRXpending* pending;
   void* warmStart;
   int startCount;
-  void* starts;
+  double* starts;  // startCount blocks of numVars values, 1e101 where unset
+  // Optional per-element attributes, null until set.
+  int* branchPriority;  // numVars
+  double* hintValue;    // numVars
+  int* lazyFlag;        // numConstrs
+  int* hintPriority;    // numVars
+  int* partition;       // numVars
+  struct {
+    vrx::NameIndex* vars;
+    vrx::NameIndex* constrs;
+  } nameIndex;  // built on request
 };
+
+namespace vrx {
+
+// Everything a load takes. The load copies what it keeps; the caller owns the
+// arrays. Exactly one of beg32 and beg64 gives the column begins; a null begin
+// array means a model without matrix entries.
+struct LoadArgs {
+  const char* name = nullptr;
+  int numVars = 0;
+  int numConstrs = 0;
+  int objSense = 1;  // negative: maximise
+  double objCon = 0.0;
+  const double* obj = nullptr;
+  const char* sense = nullptr;
+  const double* rhs = nullptr;
+  const int* beg32 = nullptr;
+  const size_t* beg64 = nullptr;
+  const int* len = nullptr;
+  const int* ind = nullptr;
+  const double* val = nullptr;
+  const double* lb = nullptr;
+  const double* ub = nullptr;
+  const char* vtype = nullptr;
+  const char* const* varNames = nullptr;
+  const char* const* constrNames = nullptr;
+  // Quadratic objective from the readers: sum of qVal[k] * x[qRow[k]] * x[qCol[k]].
+  int numQNZs = 0;
+  const int* qRow = nullptr;
+  const int* qCol = nullptr;
+  const double* qVal = nullptr;
+  // The name of the export for the "MODEL LOG" line; null logs nothing.
+  const char* logCall = nullptr;
+};
+
+// Validates and loads; on success *out holds the model, on failure it is null,
+// nothing is left allocated and the error text stands in env.
+int modelLoad(VRXenv* env, const LoadArgs& args, VRXmodel** out);
+// A deep copy of the store and of the optional arrays, with its own env copy.
+int modelCopy(VRXmodel* model, VRXmodel** out);
+// Frees everything the model owns, the record, and env when it owns it.
+void modelDestroy(VRXmodel* model);
+// The head of every export on a model: handle checks, the refusal while an
+// asynchronous solve runs, and the clearing of the last error.
+int modelEnter(VRXmodel* model);
+
+// The number checks of the load and of the add and attribute calls. They write
+// their text only into an empty, unfrozen error store and return 10003.
+int checkFinite(VRXenv* env, double value);
+int checkFiniteArray(VRXenv* env, const double* values, int count);
+int checkFiniteArrayX(VRXenv* env, const double* values, size_t count);
+int checkNotNan(VRXenv* env, double value);
+int checkNotNanArray(VRXenv* env, const double* values, int count);
+int checkNotNanArrayX(VRXenv* env, const double* values, size_t count);
+
+// Frees the concurrent and multi-objective environments of the model.
+void discardModelEnvLists(VRXmodel* model);
+
+}  // namespace vrx
