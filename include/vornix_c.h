@@ -340,6 +340,14 @@ VRX_API int VRXgetqconstr(VRXmodel *model, int qconstr, int *numlnzP, int *lind,
 VRX_API void VRXclean2(int *lenP, int *ind, double *val);
 VRX_API void VRXclean3(int *lenP, int *ind0, int *ind1, double *val);
 
+/* ---- Files ---- */
+VRX_API int VRXreadmodel(VRXenv *env, const char *filename, VRXmodel **modelP);
+VRX_API int VRXread(VRXmodel *model, const char *filename);
+VRX_API int VRXwrite(VRXmodel *model, const char *filename);
+VRX_API int VRXfiletype(const char *filename);
+VRX_API int VRXismodelfile(const char *filename);
+VRX_API int VRXisrecordfile(const char *filename);
+
 #ifdef __cplusplus
 }
 #endif

@@ -49,3 +49,10 @@ void mpsDataFree(VRXenv* env, MpsData* d);
 int mpsRead(VRXenv* env, Stream* s, const char* filename, MpsData* out);
 
 }  // namespace vrx
+
+struct VRXmodel;
+
+namespace vrx {
+// Writes the model's committed store; 0 or the stream's error code.
+int mpsWrite(VRXenv* env, const VRXmodel* model, Stream* s);
+}  // namespace vrx

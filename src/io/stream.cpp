@@ -46,6 +46,10 @@ size_t stemLength(const char* name) {
 int fileKind(const char* name) {
   if (!name) return -1;
   size_t len = std::strlen(name);
+  // A base name without any dot has no suffix at all: kind 0.
+  const char* base = std::strrchr(name, '/');
+  base = base ? base + 1 : name;
+  if (!std::strchr(base, '.')) return 0;
   for (int k = 1; k < kNumKinds; ++k)
     for (int c = 0; c < kNumCompressions; ++c) {
       char suffix[16];

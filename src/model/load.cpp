@@ -100,6 +100,19 @@ int validate(VRXenv* env, const LoadArgs& a) {
       if (a.qRow[k] < 0 || a.qRow[k] >= a.numVars || a.qCol[k] < 0 || a.qCol[k] >= a.numVars)
         return VRX_ERROR_INDEX_OUT_OF_RANGE;
   }
+  if (a.numSOS < 0) return VRX_ERROR_INVALID_ARGUMENT;
+  if (a.numSOS > 0) {
+    if (!a.sosType || !a.sosBeg || !a.sosInd) return VRX_ERROR_NULL_ARGUMENT;
+    for (int s = 0; s < a.numSOS; ++s) {
+      if (a.sosType[s] != 1 && a.sosType[s] != 2) return VRX_ERROR_INVALID_ARGUMENT;
+      if (a.sosBeg[s] < 0 || a.sosBeg[s + 1] < a.sosBeg[s]) return VRX_ERROR_INDEX_OUT_OF_RANGE;
+    }
+    for (int k = a.sosBeg[0]; k < a.sosBeg[a.numSOS]; ++k)
+      if (a.sosInd[k] < 0 || a.sosInd[k] >= a.numVars) return VRX_ERROR_INDEX_OUT_OF_RANGE;
+    if (a.sosWeight &&
+        (err = checkFiniteArray(env, a.sosWeight + a.sosBeg[0], a.sosBeg[a.numSOS] - a.sosBeg[0])))
+      return err;
+  }
   return 0;
 }
 
@@ -269,6 +282,22 @@ int build(VRXenv* env, const LoadArgs& a, VRXmodel* model) {
     d->numQNZs = qkept;
     if (qkept < a.numQNZs)
       log(env, "Warning: loading a model with small (< 1e-13) quadratic coefficients, ignored\n");
+  }
+
+  if (a.numSOS > 0) {
+    size_t members = static_cast<size_t>(a.sosBeg[a.numSOS] - a.sosBeg[0]);
+    d->sosType = envAllocArray<int>(menv, static_cast<size_t>(a.numSOS));
+    d->sosBeg = envAllocArray<int64_t>(menv, static_cast<size_t>(a.numSOS) + 1);
+    d->sosInd = envAllocArray<int>(menv, members + 1);
+    d->sosWeight = envAllocArray<double>(menv, members + 1);
+    if (!d->sosType || !d->sosBeg || !d->sosInd || !d->sosWeight) return VRX_ERROR_OUT_OF_MEMORY;
+    for (int s = 0; s < a.numSOS; ++s) d->sosType[s] = a.sosType[s];
+    for (int s = 0; s <= a.numSOS; ++s) d->sosBeg[s] = a.sosBeg[s] - a.sosBeg[0];
+    for (size_t k = 0; k < members; ++k) {
+      d->sosInd[k] = a.sosInd[a.sosBeg[0] + k];
+      d->sosWeight[k] = a.sosWeight ? a.sosWeight[a.sosBeg[0] + k] : static_cast<double>(k + 1);
+    }
+    d->numSOS = a.numSOS;
   }
   return 0;
 }

@@ -88,6 +88,12 @@ struct LoadArgs {
   const int* qRow = nullptr;
   const int* qCol = nullptr;
   const double* qVal = nullptr;
+  // SOS sets from the readers: members sosBeg[s] .. sosBeg[s+1]-1.
+  int numSOS = 0;
+  const int* sosType = nullptr;
+  const int* sosBeg = nullptr;
+  const int* sosInd = nullptr;
+  const double* sosWeight = nullptr;
   // The name of the export for the "MODEL LOG" line; null logs nothing.
   const char* logCall = nullptr;
 };
