@@ -348,6 +348,10 @@ VRX_API int VRXfiletype(const char *filename);
 VRX_API int VRXismodelfile(const char *filename);
 VRX_API int VRXisrecordfile(const char *filename);
 
+/* ---- Names ---- */
+VRX_API int VRXgetvarbyname(VRXmodel *model, const char *name, int *indexP);
+VRX_API int VRXgetconstrbyname(VRXmodel *model, const char *name, int *indexP);
+
 #ifdef __cplusplus
 }
 #endif

@@ -120,5 +120,7 @@ int checkNotNanArrayX(VRXenv* env, const double* values, size_t count);
 
 // Frees the concurrent and multi-objective environments of the model.
 void discardModelEnvLists(VRXmodel* model);
+// Drops the name lookup indexes; they are built again on the next lookup.
+void dropNameIndexes(VRXmodel* model);
 
 }  // namespace vrx
