@@ -352,6 +352,109 @@ VRX_API int VRXisrecordfile(const char *filename);
 VRX_API int VRXgetvarbyname(VRXmodel *model, const char *name, int *indexP);
 VRX_API int VRXgetconstrbyname(VRXmodel *model, const char *name, int *indexP);
 
+/* ---- Attributes ---- */
+VRX_API int VRXgetintattr(VRXmodel *model, const char *attrname, int *valueP);
+VRX_API int VRXsetintattr(VRXmodel *model, const char *attrname, int newvalue);
+VRX_API int VRXgetdblattr(VRXmodel *model, const char *attrname, double *valueP);
+VRX_API int VRXsetdblattr(VRXmodel *model, const char *attrname, double newvalue);
+VRX_API int VRXgetstrattr(VRXmodel *model, const char *attrname, char **valueP);
+VRX_API int VRXsetstrattr(VRXmodel *model, const char *attrname, const char *newvalue);
+VRX_API int VRXgetcharattrarray(VRXmodel *model, const char *attrname, int start, int len, char *values);
+VRX_API int VRXsetcharattrarray(VRXmodel *model, const char *attrname, int start, int len, const char *values);
+VRX_API int VRXgetcharattrelement(VRXmodel *model, const char *attrname, int element, char *valueP);
+VRX_API int VRXsetcharattrelement(VRXmodel *model, const char *attrname, int element, char newvalue);
+VRX_API int VRXgetcharattrlist(VRXmodel *model, const char *attrname, int len, const int *ind, char *values);
+VRX_API int VRXsetcharattrlist(VRXmodel *model, const char *attrname, int len, const int *ind, const char *values);
+VRX_API int VRXgetintattrarray(VRXmodel *model, const char *attrname, int start, int len, int *values);
+VRX_API int VRXsetintattrarray(VRXmodel *model, const char *attrname, int start, int len, const int *values);
+VRX_API int VRXgetintattrelement(VRXmodel *model, const char *attrname, int element, int *valueP);
+VRX_API int VRXsetintattrelement(VRXmodel *model, const char *attrname, int element, int newvalue);
+VRX_API int VRXgetintattrlist(VRXmodel *model, const char *attrname, int len, const int *ind, int *values);
+VRX_API int VRXsetintattrlist(VRXmodel *model, const char *attrname, int len, const int *ind, const int *values);
+VRX_API int VRXgetdblattrarray(VRXmodel *model, const char *attrname, int start, int len, double *values);
+VRX_API int VRXsetdblattrarray(VRXmodel *model, const char *attrname, int start, int len, const double *values);
+VRX_API int VRXgetdblattrelement(VRXmodel *model, const char *attrname, int element, double *valueP);
+VRX_API int VRXsetdblattrelement(VRXmodel *model, const char *attrname, int element, double newvalue);
+VRX_API int VRXgetdblattrlist(VRXmodel *model, const char *attrname, int len, const int *ind, double *values);
+VRX_API int VRXsetdblattrlist(VRXmodel *model, const char *attrname, int len, const int *ind, const double *values);
+VRX_API int VRXgetstrattrarray(VRXmodel *model, const char *attrname, int start, int len, char **values);
+VRX_API int VRXsetstrattrarray(VRXmodel *model, const char *attrname, int start, int len, char *const *values);
+VRX_API int VRXgetstrattrelement(VRXmodel *model, const char *attrname, int element, char **valueP);
+VRX_API int VRXsetstrattrelement(VRXmodel *model, const char *attrname, int element, const char *newvalue);
+VRX_API int VRXgetstrattrlist(VRXmodel *model, const char *attrname, int len, const int *ind, char **values);
+VRX_API int VRXsetstrattrlist(VRXmodel *model, const char *attrname, int len, const int *ind, char *const *values);
+VRX_API int VRXgetattrinfo(VRXmodel *model, const char *attrname, int *datatypeP, int *attrtypeP, int *settableP);
+VRX_API int VRXisattravailable(VRXmodel *model, const char *attrname);
+VRX_API int VRXgetnumattributes(VRXmodel *model);
+VRX_API int VRXgetattrname(VRXmodel *model, int i, char **attrnameP);
+
+/* ---- Pending changes ---- */
+VRX_API int VRXaddvar(VRXmodel *model, int numnz, const int *vind, const double *vval,
+                      double obj, double lb, double ub, char vtype, const char *varname);
+VRX_API int VRXaddvars(VRXmodel *model, int numvars, int numnz, const int *vbeg,
+                       const int *vind, const double *vval, const double *obj,
+                       const double *lb, const double *ub, const char *vtype,
+                       char **varnames);
+VRX_API int VRXXaddvars(VRXmodel *model, int numvars, size_t numnz, const size_t *vbeg,
+                        const int *vind, const double *vval, const double *obj,
+                        const double *lb, const double *ub, const char *vtype,
+                        char **varnames);
+VRX_API int VRXaddconstr(VRXmodel *model, int numnz, const int *cind, const double *cval,
+                         char sense, double rhs, const char *constrname);
+VRX_API int VRXaddconstrs(VRXmodel *model, int numconstrs, int numnz, const int *cbeg,
+                          const int *cind, const double *cval, const char *sense,
+                          const double *rhs, char **constrnames);
+VRX_API int VRXXaddconstrs(VRXmodel *model, int numconstrs, size_t numnz, const size_t *cbeg,
+                           const int *cind, const double *cval, const char *sense,
+                           const double *rhs, char **constrnames);
+VRX_API int VRXaddrangeconstr(VRXmodel *model, int numnz, const int *cind, const double *cval,
+                              double lower, double upper, const char *constrname);
+VRX_API int VRXaddrangeconstrs(VRXmodel *model, int numconstrs, int numnz, const int *cbeg,
+                               const int *cind, const double *cval, const double *lower,
+                               const double *upper, char **constrnames);
+VRX_API int VRXXaddrangeconstrs(VRXmodel *model, int numconstrs, size_t numnz,
+                                const size_t *cbeg, const int *cind, const double *cval,
+                                const double *lower, const double *upper, char **constrnames);
+VRX_API int VRXchgcoeffs(VRXmodel *model, int cnt, const int *cind, const int *vind,
+                         const double *val);
+VRX_API int VRXXchgcoeffs(VRXmodel *model, size_t cnt, const int *cind, const int *vind,
+                          const double *val);
+VRX_API int VRXdelvars(VRXmodel *model, int numdel, const int *ind);
+VRX_API int VRXdelconstrs(VRXmodel *model, int numdel, const int *ind);
+VRX_API int VRXaddsos(VRXmodel *model, int numsos, int nummembers, const int *types,
+                      const int *beg, const int *ind, const double *weight);
+VRX_API int VRXdelsos(VRXmodel *model, int len, const int *ind);
+VRX_API int VRXaddqpterms(VRXmodel *model, int numqnz, const int *qrow, const int *qcol,
+                          const double *qval);
+VRX_API int VRXdelq(VRXmodel *model);
+VRX_API int VRXaddqconstr(VRXmodel *model, int numlnz, const int *lind, const double *lval,
+                          int numqnz, const int *qrow, const int *qcol, const double *qval,
+                          char sense, double rhs, const char *QCname);
+VRX_API int VRXdelqconstrs(VRXmodel *model, int len, const int *ind);
+VRX_API int VRXaddgenconstrMax(VRXmodel *model, const char *name, int resvar, int nvars,
+                               const int *vars, double constant);
+VRX_API int VRXaddgenconstrMin(VRXmodel *model, const char *name, int resvar, int nvars,
+                               const int *vars, double constant);
+VRX_API int VRXaddgenconstrAbs(VRXmodel *model, const char *name, int resvar, int argvar);
+VRX_API int VRXaddgenconstrAnd(VRXmodel *model, const char *name, int resvar, int nvars,
+                               const int *vars);
+VRX_API int VRXaddgenconstrOr(VRXmodel *model, const char *name, int resvar, int nvars,
+                              const int *vars);
+VRX_API int VRXaddgenconstrIndicator(VRXmodel *model, const char *name, int binvar,
+                                     int binval, int nvars, const int *ind,
+                                     const double *val, char sense, double rhs);
+VRX_API int VRXdelgenconstrs(VRXmodel *model, int len, const int *ind);
+VRX_API int VRXaddcone(VRXmodel *model, int nummembers, const int *members);
+VRX_API int VRXsetobjective(VRXmodel *model, int sense, double constant, int lnz,
+                            const int *lind, const double *lval, int qnz, const int *qrow,
+                            const int *qcol, const double *qval);
+VRX_API int VRXsetpwlobj(VRXmodel *model, int var, int npoints, const double *x,
+                         const double *y);
+VRX_API int VRXgetpwlobj(VRXmodel *model, int var, int *npointsP, double *x, double *y);
+VRX_API int VRXupdatemodel(VRXmodel *model);
+VRX_API int VRXreset(VRXmodel *model, int clearall);
+VRX_API int VRXresetmodel(VRXmodel *model);
+
 #ifdef __cplusplus
 }
 #endif

@@ -195,6 +195,7 @@ void envFreeRecord(VRXenv* env) {
   deleteLock(*env, env->workLock);
   env->workLock = nullptr;
   if (env->ownsTables) {
+    attrIndexFree(env);
     paramsFree(env);
     envFree(env, env->errorText);
     env->errorText = nullptr;
@@ -355,6 +356,7 @@ static int startEnv(VRXenv** envP, const StartArgs& a, bool emptyOnly) {
   if (!err) {
     reachedTables = true;
     err = paramsBuild(env);
+    if (!err) err = attrIndexBuild(env);
     if (!err) {
       if (a.cb) env->par.OutputFlag = 0;
       if (a.apiType == 4) env->par.OutputFlag = 1;

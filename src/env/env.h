@@ -154,12 +154,19 @@ void envFreeRecord(VRXenv* env);
 const char* apiTypeName(int apiType);  // null when the code names no binding
 
 // ---- parameters ----
+// Normal form of parameter and attribute names: leading underscores stay,
+// later ones go, case folds; at most kNameKeyMax characters (out holds one more).
+constexpr int kNameKeyMax = 512;
+void normaliseName(const char* name, char* out);
 int paramsBuild(VRXenv* env);
 void paramsFree(VRXenv* env);
 int paramsDuplicateStrings(VRXenv* dst);  // after a byte copy: own every string
 void paramsFreeStrings(VRXenv* env);
 int readParamLines(VRXenv* env, const char* filename, bool isDefaults);
 void threadCountWarning(VRXenv* env, int threads);
+// The index of attribute names, built once per master and shared by copies.
+int attrIndexBuild(VRXenv* env);
+void attrIndexFree(VRXenv* env);
 
 // ---- logging ----
 void log(VRXenv* env, const char* fmt, ...) __attribute__((format(printf, 2, 3)));

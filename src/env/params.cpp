@@ -37,22 +37,11 @@ const StaticRow kRows[] = {
 };
 
 constexpr int kStaticCount = static_cast<int>(sizeof kRows / sizeof kRows[0]);
-constexpr int kKeyMax = 512;
+constexpr int kKeyMax = kNameKeyMax;
 
 bool isTransient(const char* name) {
   return std::strcmp(name, "ObjNumber") == 0 || std::strcmp(name, "StartNumber") == 0 ||
          std::strcmp(name, "SolutionNumber") == 0;
-}
-
-// Normal form of a name: leading underscores stay, later ones go, case folds.
-void normalise(const char* name, char* out) {
-  int i = 0, n = 0;
-  while (name[i] == '_' && i < kKeyMax) out[n++] = name[i++];
-  for (; name[i] && i < kKeyMax; ++i) {
-    if (name[i] == '_') continue;
-    out[n++] = static_cast<char>(std::tolower(static_cast<unsigned char>(name[i])));
-  }
-  out[n] = '\0';
 }
 
 int* intField(VRXenv* env, const ParamRow& r) {
@@ -68,7 +57,7 @@ char** strField(VRXenv* env, const ParamRow& r) {
 int findRow(VRXenv* env, const char* name) {
   if (!env->paramTable || !name) return -1;
   char key[kKeyMax + 1];
-  normalise(name, key);
+  normaliseName(name, key);
   return nameIndexFind(env->paramTable->index, key);
 }
 
@@ -281,6 +270,16 @@ bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
 }  // namespace
 
+void normaliseName(const char* name, char* out) {
+  int i = 0, n = 0;
+  while (name[i] == '_' && i < kNameKeyMax) out[n++] = name[i++];
+  for (; name[i] && i < kNameKeyMax; ++i) {
+    if (name[i] == '_') continue;
+    out[n++] = static_cast<char>(std::tolower(static_cast<unsigned char>(name[i])));
+  }
+  out[n] = '\0';
+}
+
 int paramsBuild(VRXenv* env) {
   auto* t = static_cast<ParamTable*>(envCalloc(env, 1, sizeof(ParamTable)));
   if (!t) return VRX_ERROR_OUT_OF_MEMORY;
@@ -305,7 +304,7 @@ int paramsBuild(VRXenv* env) {
     r.defaultValue = s.defaultValue;
     r.defaultString = s.defaultString ? s.defaultString : "";
     r.transient = isTransient(s.name) ? 1 : 0;
-    normalise(s.name, key);
+    normaliseName(s.name, key);
     if (nameIndexInsert(env, t->index, key, n)) return VRX_ERROR_OUT_OF_MEMORY;
     ++n;
   }

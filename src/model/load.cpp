@@ -7,6 +7,8 @@
 #include "model/callback.h"
 #include "model/model.h"
 #include "model/modeldata.h"
+#include "model/result.h"
+#include "model/pending.h"
 
 namespace vrx {
 
@@ -393,9 +395,18 @@ void modelDestroy(VRXmodel* model) {
   envFree(env, model->hintPriority);
   envFree(env, model->partition);
   envFree(env, model->starts);
-  // lp, the solve results, the attribute cache, multiObj, warmStart, pending
-  // and rowStore are released here by their own free routines; nothing in this
-  // build creates those records, so they are null on every model.
+  warmStartFree(env, warmOf(model));
+  model->warmStart = nullptr;
+  pendingFree(env, model->pending);
+  model->pending = nullptr;
+  resultFree(env, model->result);
+  model->result = nullptr;
+  objListFree(env, model->objList);
+  model->objList = nullptr;
+  envFree(env, model->attrScratch);
+  model->attrScratch = nullptr;
+  model->attrScratchSize = 0;
+  // lp and rowStore get their free routines with the records that fill them.
   modelDataFree(env, model->data);
   modelDataFree(env, model->presolved);
   modelDataFree(env, model->relaxed);
@@ -545,8 +556,9 @@ VRX_API VRXmodel* VRXcopymodel(VRXmodel* model) {
   VRXenv* env = model->env;
   VRXmodel* copy = nullptr;
   guarded(env, [&] {
-    // The batch of pending changes is applied to the original right here,
-    // before the copy, as soon as models keep such a batch.
+    // The copy takes the store with the batch applied.
+    int err = modelUpdate(model);
+    if (err) return setError(env, err);
     return setError(env, modelCopy(model, &copy));
   });
   return copy;

@@ -8,6 +8,8 @@
 
 struct VRXmodeldata;
 struct VRXpending;
+struct VRXresult;
+struct VRXobjlist;
 
 namespace vrx {
 struct NameIndex;
@@ -57,6 +59,10 @@ struct VRXmodel {
     vrx::NameIndex* vars;
     vrx::NameIndex* constrs;
   } nameIndex;  // built on request
+  VRXresult* result;     // what the last solve published; null before any
+  VRXobjlist* objList;   // the objectives of a model with several; null for one
+  char* attrScratch;     // names handed out by the attribute reads
+  size_t attrScratchSize;
 };
 
 namespace vrx {

@@ -121,6 +121,8 @@ void modelDataFree(VRXenv* env, VRXmodeldata* d) {
   freeArray(env, d->pwlCount);
   freeArray(env, d->pwlX);
   freeArray(env, d->pwlY);
+  freeArray(env, d->coneBeg);
+  freeArray(env, d->coneInd);
   freeArray(env, d->rhs);
   freeArray(env, d->sense);
   freeArray(env, d->lb);
@@ -206,6 +208,10 @@ int modelDataCopy(VRXenv* env, const VRXmodeldata* src, VRXmodeldata** out) {
   ok = dup(env, d->pwlCount, src->pwlCount, n) && ok;
   ok = dup(env, d->pwlX, src->pwlX, pwl) && ok;
   ok = dup(env, d->pwlY, src->pwlY, pwl) && ok;
+  size_t nc = src->numCones > 0 ? static_cast<size_t>(src->numCones) : 0;
+  size_t coneNZ = src->coneBeg ? static_cast<size_t>(src->coneBeg[nc]) : 0;
+  ok = dup(env, d->coneBeg, src->coneBeg, nc + 1) && ok;
+  ok = dup(env, d->coneInd, src->coneInd, coneNZ) && ok;
   ok = dup(env, d->rhs, src->rhs, m) && ok;
   ok = dup(env, d->sense, src->sense, m) && ok;
   ok = dup(env, d->lb, src->lb, cols) && ok;

@@ -59,6 +59,7 @@ struct VRXmodeldata {
   int64_t* sosBeg;    // numSOS + 1 entries
   int* sosInd;
   double* sosWeight;
+  int sosChecked;     // every set is sorted by weight; cleared when sets are added
 
   int numGenConstrs;
   VRXgenconstr* genConstrs;
@@ -82,12 +83,18 @@ struct VRXmodeldata {
   double* qcRHS;
 
   // Piecewise-linear objectives, by variable: pwlCount[j] points from pwlBeg[j].
+  // pwlY is kept in the minimisation form, like obj.
   int numPWLObjVars;
   int64_t* pwlBeg;  // numVars entries, null when there is none
   int* pwlCount;
   double* pwlX;
   double* pwlY;
   int64_t numPWLPoints;  // length of pwlX and pwlY
+
+  // Second-order cones: the first member bounds the norm of the others.
+  int numCones;
+  int64_t* coneBeg;  // numCones + 1 entries
+  int* coneInd;
 
   double* rhs;
   char* sense;  // '<', '>', '='

@@ -16,4 +16,5 @@ inline void captureLogOf(VRXenv* env) {
   capturedLog().clear();
   VRXsetlogcallbackfuncenv(env, captureLine);
   VRXsetintparam(env, "LogToConsole", 0);
+  VRXsetintparam(env, "OutputFlag", 1);
 }
