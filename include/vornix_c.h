@@ -455,6 +455,25 @@ VRX_API int VRXupdatemodel(VRXmodel *model);
 VRX_API int VRXreset(VRXmodel *model, int clearall);
 VRX_API int VRXresetmodel(VRXmodel *model);
 
+/* ---- Callbacks ---- */
+VRX_API int VRXsetcallbackfunc(VRXmodel *model, VRXcallback cb, void *usrdata);
+VRX_API int VRXgetcallbackfunc(VRXmodel *model, VRXcallback *cbP);
+VRX_API int VRXsetlogcallbackfunc(VRXmodel *model, VRXlogcallback cb);
+VRX_API int VRXgetcbwhatinfo(int what, int *typeP, int *sizeP);
+VRX_API int VRXcbget(void *cbdata, int where, int what, void *resultP);
+VRX_API int VRXcbsetparam(void *cbdata, const char *paramname, const char *newvalue);
+VRX_API int VRXcbsolution(void *cbdata, const double *solution, double *objvalP);
+VRX_API int VRXcbcut(void *cbdata, int cutlen, const int *cutind, const double *cutval,
+                     char cutsense, double cutrhs);
+VRX_API int VRXcblazy(void *cbdata, int lazylen, const int *lazyind, const double *lazyval,
+                      char lazysense, double lazyrhs);
+VRX_API int VRXcbstoponemultiobj(VRXmodel *model, void *cbdata, int objnum);
+
+/* ---- Optimize ---- */
+VRX_API int VRXoptimize(VRXmodel *model);
+VRX_API int VRXoptimizeasync(VRXmodel *model);
+VRX_API int VRXsync(VRXmodel *model);
+
 #ifdef __cplusplus
 }
 #endif

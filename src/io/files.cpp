@@ -1,10 +1,9 @@
 // Reading and writing by file name: kind from the suffix, compression by library.
-#include <locale.h>
-
 #include <cstdio>
 #include <cstring>
 #include <strings.h>
 
+#include "env/locale.h"
 #include "io/mps.h"
 #include "io/stream.h"
 #include "model/model.h"
@@ -26,22 +25,6 @@ bool readable(const char* path) {
   std::fclose(f);
   return true;
 }
-
-// Sets the C number form for this thread while a file is read or written.
-struct NeutralLocale {
-  locale_t c = nullptr;
-  locale_t old = nullptr;
-  NeutralLocale() {
-    c = newlocale(LC_NUMERIC_MASK, "C", static_cast<locale_t>(0));
-    if (c) old = uselocale(c);
-  }
-  ~NeutralLocale() {
-    if (c) {
-      uselocale(old);
-      freelocale(c);
-    }
-  }
-};
 
 // The name that opens: as given, or, for a name without a known suffix, the
 // first kind and compression in table order that exists. Empty when none.

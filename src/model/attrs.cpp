@@ -934,6 +934,29 @@ int arraySet(VRXmodel* m, const char* name, int type, int start, int len, const 
   return 0;
 }
 
+// While an asynchronous solve runs, a few scalars are answered from a cache;
+// everything else waits for the solve. Returns -1 when the call is not a cached read.
+int asyncRead(VRXmodel* model, const char* name, int type, void* value) {
+  if (!model || model->magic != kModelMagic || !model->asyncPending || !name || !value) return -1;
+  static const char* const kCached[] = {"Status",        "ObjVal",    "ObjBound",     "ObjBoundC",
+                                        "RunVTime",      "NodeCount", "OpenNodeCount", "TOpen",
+                                        "IterCount",     "IterCount0", "BarIterCount"};
+  int r = findAttr(model, name);
+  for (const char* c : kCached) {
+    if (r < 0 || std::strcmp(kAttrs[r].name, c) != 0 || kAttrs[r].type != type) continue;
+    if (std::strcmp(c, "Status") == 0) *static_cast<int*>(value) = VRX_INPROGRESS;
+    else if (std::strcmp(c, "BarIterCount") == 0) *static_cast<int*>(value) = 0;
+    else if (std::strcmp(c, "ObjVal") == 0) *static_cast<double*>(value) = kInf;
+    else if (std::strcmp(c, "ObjBound") == 0 || std::strcmp(c, "ObjBoundC") == 0)
+      *static_cast<double*>(value) = -kInf;
+    else if (std::strcmp(c, "NodeCount") == 0 || std::strcmp(c, "TOpen") == 0)
+      *static_cast<double*>(value) = -1.0;
+    else *static_cast<double*>(value) = 0.0;
+    return 0;
+  }
+  return VRX_ERROR_OPTIMIZATION_IN_PROGRESS;
+}
+
 // Runs one call of a family: pointer checks, the model head, the work, the outer text.
 template <class F>
 int family(VRXmodel* model, const char* name, const void* value, bool write, F&& work) {
@@ -1019,6 +1042,8 @@ extern "C" {
 
 #define SCALAR_GET(fn, T, type, member)                                           \
   VRX_API int fn(VRXmodel* model, const char* attrname, T* valueP) {              \
+    int cached = asyncRead(model, attrname, type, valueP);                        \
+    if (cached >= 0) return cached;                                               \
     return family(model, attrname, valueP, false, [&] {                           \
       Value v;                                                                    \
       int rc = scalarGet(model, attrname, type, &v);                              \

@@ -7,6 +7,27 @@
 
 constexpr uint32_t kCbMagic = 0x28BF7DC5u;
 
+// What a solver reports at its callback points. Objective-like values are in
+// the model's own sense; the solver fills what applies to its 'where'.
+struct VRXcbprogress {
+  // presolve
+  int colsRemoved, rowsRemoved, sensesChanged, boundsChanged, coefsChanged;
+  // simplex
+  double spxIter, spxObj, spxPrimInf, spxDualInf;
+  int spxPerturbed;
+  // MIP, MIPSOL, MIPNODE
+  double mipObjBest, mipObjBound, mipNodes, mipNodesLeft, mipIter, mipObjBoundC, mipOpen;
+  int mipSolCount, mipCutCount, mipSolOrigin, nodeStatus, nodeSolCount;
+  double mipCounters[6];
+  const double* nodeRelX;  // null when the node has no relaxation values
+  // barrier
+  int barIter;
+  double barPrimObj, barDualObj, barPrimInf, barDualInf, barCompl;
+  // several objectives
+  int objCount, objSolCount;
+  const double* objSol;
+};
+
 struct VRXcbdata {
   int where;
   uint32_t magic;
@@ -30,9 +51,14 @@ struct VRXcbdata {
   int phase;
   int lastBest;
   int lastNode;
+  const VRXcbprogress* progress;  // the reporting solver's values, during a call
+  int numVars;                     // length of solution arrays handed out
 };
 
 namespace vrx {
 // Hands one log line to the environment's callback as a 'where' 6 message.
 int callbackMessage(VRXenv* env, const char* text);
+// Calls the user callback at 'where' with the solver's values. Returns the
+// callback's result; non-zero asks the solver to stop with that code.
+int callbackFrame(VRXenv* env, int where, const VRXcbprogress* progress);
 }  // namespace vrx

@@ -386,6 +386,7 @@ int modelCopy(VRXmodel* src, VRXmodel** out) {
 
 void modelDestroy(VRXmodel* model) {
   VRXenv* env = model->env;
+  joinWorker(model);
   nameIndexFree(env, model->nameIndex.vars);
   nameIndexFree(env, model->nameIndex.constrs);
   model->nameIndex.vars = model->nameIndex.constrs = nullptr;

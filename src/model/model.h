@@ -59,6 +59,10 @@ struct VRXmodel {
     vrx::NameIndex* vars;
     vrx::NameIndex* constrs;
   } nameIndex;  // built on request
+  int inSolve;           // set with optimizing for the length of a solve
+  int asyncResult;       // the error of the last asynchronous run, for VRXsync
+  void* asyncThread;     // the worker of an asynchronous run
+  int asyncHostThread;   // the worker came from the host's thread hook
   VRXresult* result;     // what the last solve published; null before any
   VRXobjlist* objList;   // the objectives of a model with several; null for one
   char* attrScratch;     // names handed out by the attribute reads
@@ -126,6 +130,8 @@ int checkNotNanArrayX(VRXenv* env, const double* values, size_t count);
 
 // Frees the concurrent and multi-objective environments of the model.
 void discardModelEnvLists(VRXmodel* model);
+// Waits for the worker of an asynchronous run and releases it.
+void joinWorker(VRXmodel* model);
 // Drops the name lookup indexes; they are built again on the next lookup.
 void dropNameIndexes(VRXmodel* model);
 
