@@ -4,7 +4,7 @@ set -euo pipefail
 pkgs=(cmake g++ make pkg-config zlib1g-dev libbz2-dev libarchive-dev libcurl4-openssl-dev
       libopenblas-dev liblapack-dev libgtest-dev)
 # Peers that tests and benchmarks compare against; optional.
-optional=(coinor-clp coinor-cbc glpk-utils)
+optional=(coinor-clp coinor-cbc glpk-utils gnuplot-nox)
 missing=()
 for p in "${pkgs[@]}" "${optional[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -36,8 +36,9 @@ struct Writer {
   Stream* s;
   const VRXmodeldata* d;
   bool varNames, conNames;
-  char nb[kNumBuf];
-  char nameA[32], nameB[32];
+  char nb[kNumBuf] = {};
+  char nameA[32] = {};
+  char nameB[32] = {};
   int err = 0;
 
   const char* var(int j, char* buf) {
@@ -62,7 +63,7 @@ struct Writer {
 int mpsWrite(VRXenv* env, const VRXmodel* model, Stream* s) {
   const VRXmodeldata* d = model->data;
   const int n = d->numVars, m = d->numConstrs;
-  Writer w{env, s, d, namesUsable(d->varName, n), namesUsable(d->constrName, m)};
+  Writer w{env, s, d, namesUsable(d->varName, n), namesUsable(d->constrName, m), {}, {}, {}, 0};
   if (!w.varNames && n > 0) log(env, "Warning: default variable names used to write mps file\n");
   if (!w.conNames && m > 0) log(env, "Warning: default constraint names used to write mps file\n");
 
