@@ -8,6 +8,7 @@
 #include "model/model.h"
 #include "model/modeldata.h"
 #include "model/result.h"
+#include "simplex/lp.h"
 #include "model/pending.h"
 
 namespace vrx {
@@ -407,7 +408,8 @@ void modelDestroy(VRXmodel* model) {
   envFree(env, model->attrScratch);
   model->attrScratch = nullptr;
   model->attrScratchSize = 0;
-  // lp and rowStore get their free routines with the records that fill them.
+  VRXlpFreeOnModel(model);
+  // rowStore gets its free routine with the record that fills it.
   modelDataFree(env, model->data);
   modelDataFree(env, model->presolved);
   modelDataFree(env, model->relaxed);
