@@ -289,6 +289,9 @@ int warmSetDStart(VRXmodel* model, int constr, double value);
 int warmSetVDualNorm(VRXmodel* model, int var, double value);
 int warmSetCDualNorm(VRXmodel* model, int constr, double value);
 void warmStartFree(VRXenv* env, VRXwarmstart* ws);
+// Keeps a final basis of a solve as the start of the next one, in the shape of
+// the store (columns, then rows); no refusal applies. 0 or 10001.
+int warmStartStoreBasis(VRXmodel* model, const int* vbasis, const int* cbasis);
 // Step 4 of the update: checks a newly set basis, start and norms.
 void warmStartSettle(VRXmodel* model);
 
@@ -299,7 +302,7 @@ int modelUpdate(VRXmodel* model);
 // How much of the last solve the open batch allows to keep: 2 solution,
 // 1 basis, 0 nothing.
 int keepLevel(const VRXmodel* model);
-// Frees results, derived stores, the row-wise copy; status becomes 1.
+// Frees the working LP, results, derived stores, the row-wise copy; status becomes 1.
 void dropSolveResults(VRXmodel* model);
 
 // Normal form of a sense: '<', '>', '=' or 0 for an invalid letter.

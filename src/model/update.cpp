@@ -13,6 +13,7 @@
 #include "model/pending.h"
 #include "model/pending_impl.h"
 #include "model/result.h"
+#include "simplex/lp.h"
 
 namespace vrx {
 
@@ -1393,6 +1394,15 @@ int applyBatch(VRXmodel* model, VRXpending* p) {
     freeBuilt(env, b);
     return err;
   }
+  // The working LP is built again from the changed store; a basis the level lets
+  // stand goes to the warm start first, where the commit maps it to the new shape.
+  if (c.level >= 1 && model->result && model->result->vBasis && model->result->cBasis) {
+    err = warmStartStoreBasis(model, model->result->vBasis, model->result->cBasis);
+    if (err) {
+      freeBuilt(env, b);
+      return err;
+    }
+  }
   dropSolveResults(model);
   commitAll(c, b);
   freeBuilt(env, b);  // only what was not taken over: nothing on success
@@ -1427,6 +1437,7 @@ int keepLevel(const VRXmodel* model) {
 
 void dropSolveResults(VRXmodel* model) {
   VRXenv* env = model->env;
+  VRXlpFreeOnModel(model);
   resultFree(env, model->result);
   model->result = nullptr;
   modelDataFree(env, model->presolved);

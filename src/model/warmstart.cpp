@@ -134,6 +134,20 @@ int warmSetCDualNorm(VRXmodel* model, int constr, double value) {
   return setNorm(model, model->data->numVars + constr, value);
 }
 
+int warmStartStoreBasis(VRXmodel* model, const int* vbasis, const int* cbasis) {
+  VRXwarmstart* ws = warmRecord(model);
+  if (!ws) return VRX_ERROR_OUT_OF_MEMORY;
+  if (!ws->basis) {
+    ws->basis = envAllocArray<int>(model->env, static_cast<size_t>(ws->size > 0 ? ws->size : 1));
+    if (!ws->basis) return VRX_ERROR_OUT_OF_MEMORY;
+  }
+  const int n = ws->columnCount, m = ws->size - ws->columnCount;
+  for (int j = 0; j < n; ++j) ws->basis[j] = vbasis[j];
+  for (int i = 0; i < m; ++i) ws->basis[n + i] = cbasis[i];
+  ws->basisState = 2;
+  return 0;
+}
+
 void warmStartFree(VRXenv* env, VRXwarmstart* ws) {
   if (!ws) return;
   envFree(env, ws->basis);
