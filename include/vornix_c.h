@@ -451,6 +451,19 @@ VRX_API int VRXsetobjective(VRXmodel *model, int sense, double constant, int lnz
 VRX_API int VRXsetpwlobj(VRXmodel *model, int var, int npoints, const double *x,
                          const double *y);
 VRX_API int VRXgetpwlobj(VRXmodel *model, int var, int *npointsP, double *x, double *y);
+VRX_API int VRXsetobjectiven(VRXmodel *model, int index, int priority, double weight,
+                             double abstol, double reltol, const char *name, double constant,
+                             int lnz, const int *lind, const double *lval);
+VRX_API int VRXgetgenconstrMax(VRXmodel *model, int id, int *resvarP, int *nvarsP, int *vars,
+                               double *constantP);
+VRX_API int VRXgetgenconstrMin(VRXmodel *model, int id, int *resvarP, int *nvarsP, int *vars,
+                               double *constantP);
+VRX_API int VRXgetgenconstrAbs(VRXmodel *model, int id, int *resvarP, int *argvarP);
+VRX_API int VRXgetgenconstrAnd(VRXmodel *model, int id, int *resvarP, int *nvarsP, int *vars);
+VRX_API int VRXgetgenconstrOr(VRXmodel *model, int id, int *resvarP, int *nvarsP, int *vars);
+VRX_API int VRXgetgenconstrIndicator(VRXmodel *model, int id, int *binvarP, int *binvalP,
+                                     int *nvarsP, int *ind, double *val, char *senseP,
+                                     double *rhsP);
 VRX_API int VRXupdatemodel(VRXmodel *model);
 VRX_API int VRXreset(VRXmodel *model, int clearall);
 VRX_API int VRXresetmodel(VRXmodel *model);

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <strings.h>
 
+#include "env/envvec.h"
 #include "env/locale.h"
 #include "io/mps.h"
 #include "io/stream.h"
@@ -83,6 +84,106 @@ int loadMps(VRXenv* env, const MpsData& d, VRXmodel** out) {
   return modelLoad(env, a, out);
 }
 
+// The linear parts of the given rows, gathered from the column-wise matrix.
+struct RowParts {
+  EnvVec<int> beg;
+  EnvVec<int> ind;
+  EnvVec<double> val;
+  explicit RowParts(VRXenv* env) : beg(env), ind(env), val(env) {}
+};
+
+void gatherRows(VRXenv* env, const MpsData& d, const int* rows, int count, RowParts& out) {
+  EnvVec<int> slot(env);
+  slot.resize(static_cast<size_t>(d.numRows) + 1, -1);
+  for (int k = 0; k < count; ++k) slot[static_cast<size_t>(rows[k])] = k;
+  out.beg.resize(static_cast<size_t>(count) + 1, 0);
+  for (int j = 0; j < d.numCols; ++j)
+    for (int64_t p = d.colBeg[j]; p < d.colBeg[j] + d.colLen[j]; ++p)
+      if (slot[static_cast<size_t>(d.rowInd[p])] >= 0) out.beg[static_cast<size_t>(slot[static_cast<size_t>(d.rowInd[p])]) + 1]++;
+  for (int k = 0; k < count; ++k) out.beg[static_cast<size_t>(k) + 1] += out.beg[static_cast<size_t>(k)];
+  out.ind.resize(static_cast<size_t>(out.beg[static_cast<size_t>(count)]), 0);
+  out.val.resize(static_cast<size_t>(out.beg[static_cast<size_t>(count)]), 0.0);
+  EnvVec<int> fill(env);
+  fill.resize(static_cast<size_t>(count) + 1, 0);
+  for (int k = 0; k < count; ++k) fill[static_cast<size_t>(k)] = out.beg[static_cast<size_t>(k)];
+  for (int j = 0; j < d.numCols; ++j)
+    for (int64_t p = d.colBeg[j]; p < d.colBeg[j] + d.colLen[j]; ++p) {
+      int k = slot[static_cast<size_t>(d.rowInd[p])];
+      if (k < 0) continue;
+      int at = fill[static_cast<size_t>(k)]++;
+      out.ind[static_cast<size_t>(at)] = j;
+      out.val[static_cast<size_t>(at)] = d.val[p];
+    }
+}
+
+// Applies what the file holds beyond the linear model through the modelling calls.
+int applyExtras(VRXenv* env, const MpsData& d, VRXmodel* model) {
+  const MpsExtras* x = d.extras;
+  if (!x) return 0;
+  int err = 0;
+  if (x->lazy && (err = VRXsetintattrarray(model, "Lazy", 0, d.numRows, x->lazy))) return err;
+  for (int k = 0; k < x->numObj && !err; ++k)
+    err = VRXsetobjectiven(model, k, x->objPriority[k], x->objWeight[k], x->objAbsTol[k],
+                           x->objRelTol[k], x->objName[k], 0.0, x->objBeg[k + 1] - x->objBeg[k],
+                           x->objInd + x->objBeg[k], x->objVal + x->objBeg[k]);
+  EnvVec<int> moved(env);
+  if (!err && x->numQC > 0) {
+    RowParts parts(env);
+    gatherRows(env, d, x->qcRow, x->numQC, parts);
+    for (int k = 0; k < x->numQC && !err; ++k) {
+      int r = x->qcRow[k], b = parts.beg[static_cast<size_t>(k)];
+      int qb = x->qcBeg[k];
+      err = VRXaddqconstr(model, parts.beg[static_cast<size_t>(k) + 1] - b, parts.ind.data() + b,
+                          parts.val.data() + b, x->qcBeg[k + 1] - qb, x->qcI + qb, x->qcJ + qb,
+                          x->qcVal + qb, d.sense[r], d.rhs[r], d.rowNames[r]);
+      moved.push_back(r);
+    }
+  }
+  if (!err && x->numInd > 0) {
+    RowParts parts(env);
+    gatherRows(env, d, x->indRow, x->numInd, parts);
+    for (int k = 0; k < x->numInd && !err; ++k) {
+      int r = x->indRow[k], b = parts.beg[static_cast<size_t>(k)];
+      err = VRXaddgenconstrIndicator(model, d.rowNames[r], x->indVar[k], x->indVal[k],
+                                     parts.beg[static_cast<size_t>(k) + 1] - b, parts.ind.data() + b,
+                                     parts.val.data() + b, d.sense[r], d.rhs[r]);
+      moved.push_back(r);
+    }
+  }
+  for (int k = 0; k < x->numGen && !err; ++k) {
+    const int* ops = x->genVars + x->genBeg[k];
+    int count = x->genBeg[k + 1] - x->genBeg[k];
+    switch (x->genType[k]) {
+      case VRX_GENCONSTR_MAX:
+        err = VRXaddgenconstrMax(model, x->genName[k], x->genRes[k], count, ops, x->genConst[k]);
+        break;
+      case VRX_GENCONSTR_MIN:
+        err = VRXaddgenconstrMin(model, x->genName[k], x->genRes[k], count, ops, x->genConst[k]);
+        break;
+      case VRX_GENCONSTR_ABS:
+        err = VRXaddgenconstrAbs(model, x->genName[k], x->genRes[k], ops[0]);
+        break;
+      case VRX_GENCONSTR_AND:
+        err = VRXaddgenconstrAnd(model, x->genName[k], x->genRes[k], count, ops);
+        break;
+      default:
+        err = VRXaddgenconstrOr(model, x->genName[k], x->genRes[k], count, ops);
+        break;
+    }
+  }
+  for (int k = 0; k < x->numPwl && !err; ++k)
+    err = VRXsetpwlobj(model, x->pwlVar[k], x->pwlBeg[k + 1] - x->pwlBeg[k], x->pwlX + x->pwlBeg[k],
+                       x->pwlY + x->pwlBeg[k]);
+  if (!err && !moved.empty())
+    err = VRXdelconstrs(model, static_cast<int>(moved.size()), moved.data());
+  if (!err) err = VRXupdatemodel(model);
+  if (err) {
+    // The model's own text says what failed; keep it for the caller.
+    raise(env, err, true, "%s", VRXgetmerrormsg(model));
+  }
+  return err;
+}
+
 int readModelFile(VRXenv* env, const char* filename, VRXmodel** modelP) {
   double t0 = wallClock();
   NeutralLocale locale;
@@ -107,6 +208,7 @@ int readModelFile(VRXenv* env, const char* filename, VRXmodel** modelP) {
       if (!err && closeErr)
         err = raise(env, VRX_ERROR_FILE_READ, true, "Unable to read file '%s'", path);
       if (!err) err = loadMps(env, d, modelP);
+      if (!err) err = applyExtras(env, d, *modelP);
       mpsDataFree(env, &d);
     }
   } else if (kind == 3 || kind == 4 || kind == 5 || kind == 13) {

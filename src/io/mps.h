@@ -8,6 +8,8 @@
 
 namespace vrx {
 
+struct MpsExtras;
+
 // A model as read from a file, in the caller's terms (no sign changes).
 // Every array is owned and freed by mpsDataFree.
 struct MpsData {
@@ -40,6 +42,50 @@ struct MpsData {
   int* qRow;
   int* qCol;
   double* qVal;
+  MpsExtras* extras;  // null when the file has nothing beyond the linear model
+};
+
+// What an MPS file holds beyond the linear model: applied after the load
+// through the modelling calls. Rows named here stay in the linear model until
+// the loader moves them out.
+struct MpsExtras {
+  int* lazy;  // per row, null when no row is lazy
+  // Objectives of a multi-objective file: coefficients objBeg[k]..objBeg[k+1]-1.
+  int numObj;
+  char** objName;
+  int* objPriority;
+  double* objWeight;
+  double* objAbsTol;
+  double* objRelTol;
+  int* objBeg;
+  int* objInd;
+  double* objVal;
+  // Quadratic constraints: the row, and its terms qcVal * x[qcI] * x[qcJ].
+  int numQC;
+  int* qcRow;
+  int* qcBeg;
+  int* qcI;
+  int* qcJ;
+  double* qcVal;
+  // Indicator constraints: the row that holds when binary var takes value.
+  int numInd;
+  int* indRow;
+  int* indVar;
+  int* indVal;
+  // General constraints MIN, MAX, ABS, AND, OR: operands genBeg[k]..genBeg[k+1]-1.
+  int numGen;
+  int* genType;
+  char** genName;
+  int* genRes;
+  int* genBeg;
+  int* genVars;
+  double* genConst;
+  // Piecewise-linear objectives: points pwlBeg[k]..pwlBeg[k+1]-1 of column pwlVar[k].
+  int numPwl;
+  int* pwlVar;
+  int* pwlBeg;
+  double* pwlX;
+  double* pwlY;
 };
 
 void mpsDataFree(VRXenv* env, MpsData* d);

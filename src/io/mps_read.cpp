@@ -1,4 +1,5 @@
 // The MPS reader: free and fixed form, told apart line by line.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -26,6 +27,11 @@ enum Section {
   kSos,
   kQuadUpper,  // QUADOBJ: the upper triangle
   kQuadFull,   // QMATRIX, QSECTION: the whole matrix
+  kLazy,       // LAZYCONS: rows like ROWS, lazy
+  kQCMatrix,   // QCMATRIX: terms of one quadratic constraint
+  kIndicators,
+  kGencons,
+  kPwlObj,
   kEnd
 };
 
@@ -80,6 +86,45 @@ struct SosMember {
   double weight;
 };
 
+struct ObjRowInfo {
+  int64_t name;
+  int priority;
+  double weight, absTol, relTol;
+  double constant;
+};
+
+struct QcItem {
+  int row;
+  int64_t beg;
+};
+
+struct IndItem {
+  int row;
+  int var;
+  int val;
+};
+
+struct GenItem {
+  int type;
+  int64_t name;
+  int line;
+  int64_t beg;
+  int count;
+  double constant;
+  int res;
+  bool anyConstant;
+};
+
+struct PwlPt {
+  int var;
+  double x, y;
+};
+
+// Row codes of the objectives of a multi-objective file: kObjRowBase - k.
+constexpr int kObjRowBase = -10;
+
+const char* const kGenTypeNames[] = {"MAX", "MIN", "ABS", "AND", "OR"};
+
 struct Reader {
   VRXenv* env;
   Stream* s;
@@ -105,6 +150,21 @@ struct Reader {
   EnvVec<QTerm> quad;
   EnvVec<int> sosType;
   EnvVec<SosMember> sosMem;
+  EnvVec<int> rowLazy;
+  EnvVec<int> lazyValues;  // the values of the LAZYCONS sections seen
+  int curLazy = 0;
+  EnvVec<ObjRowInfo> objRows;
+  EnvVec<Triplet> objTrip;  // col, objective number, value
+  int mainObj = -1;         // the objective number that is also the model's objective
+  EnvVec<QcItem> qcs;
+  EnvVec<QTerm> qcTerms;
+  EnvVec<IndItem> inds;
+  bool sawIndicators = false;
+  EnvVec<GenItem> gens;
+  EnvVec<int> genVars;
+  EnvVec<PwlPt> pwl;
+  EnvVec<unsigned char> pwlClosed;  // per column: its pieces ended
+  int lastPwlVar = -1;
   int64_t modelName = -1;
   int64_t objName = -1;  // OBJNAME
   double objCon = 0;
@@ -121,7 +181,8 @@ struct Reader {
   explicit Reader(VRXenv* e)
       : env(e), arena(e), rowName(e), colName(e), sense(e), rhs(e), range(e), rhsSeen(e),
         rangeSeen(e), obj(e), lb(e), ub(e), vtype(e), boundSeen(e), trip(e), quad(e),
-        sosType(e), sosMem(e) {}
+        sosType(e), sosMem(e), rowLazy(e), lazyValues(e), objRows(e), objTrip(e), qcs(e),
+        qcTerms(e), inds(e), gens(e), genVars(e), pwl(e), pwlClosed(e) {}
   ~Reader() {
     nameIndexFree(env, rowIdx);
     nameIndexFree(env, colIdx);
@@ -219,7 +280,12 @@ struct Reader {
     const char* type = nullptr;
     const char* name = nullptr;
     char* f[6];
-    if (ntok == 2) {
+    bool isN = ntok >= 2 && (tok[0][0] == 'N' || tok[0][0] == 'n') && tok[0][1] == '\0';
+    double probe = 0;
+    // Extra fields on an N row are the numbers of an objective of several, and
+    // otherwise the line is in the fixed form with blanks inside the name.
+    bool objNumbers = isN && ntok > 2 && ntok <= 6 && parseDouble(tok[2], &probe);
+    if (std::strlen(tok[0]) == 1 && (ntok == 2 || objNumbers)) {
       type = tok[0];
       name = tok[1];
     } else {
@@ -230,6 +296,23 @@ struct Reader {
     if (!type || !name || std::strlen(type) != 1) return lineError();
     char t = static_cast<char>(std::toupper(static_cast<unsigned char>(type[0])));
     if (t == 'N') {
+      if (objNumbers) {
+        // An objective of several: priority, weight, absolute and relative tolerance.
+        ObjRowInfo o{store(name), 0, 1.0, 0.0, 0.0, 0.0};
+        if (ntok != 6 || std::sscanf(tok[2], "%d", &o.priority) != 1 ||
+            !parseDouble(tok[3], &o.weight) || !parseDouble(tok[4], &o.absTol) ||
+            !parseDouble(tok[5], &o.relTol))
+          return fail("Missing priority, weight, absolute or relative tolerance in multi-objective line\n",
+                      "Missing priority, weight, absolute or relative tolerance in multi-objective line\n");
+        int k = static_cast<int>(objRows.size());
+        objRows.push_back(o);
+        if (!haveObj) {
+          haveObj = true;
+          mainObj = k;
+        }
+        if (nameIndexInsert(env, rowIdx, name, kObjRowBase - k)) throw std::bad_alloc();
+        return 0;
+      }
       bool isObj = !haveObj && (objName < 0 || std::strcmp(nameAt(objName), name) == 0);
       if (isObj) {
         haveObj = true;
@@ -267,6 +350,7 @@ struct Reader {
     range.push_back(0.0);
     rhsSeen.push_back(0);
     rangeSeen.push_back(0);
+    rowLazy.push_back(curLazy);
     return 0;
   }
 
@@ -278,6 +362,12 @@ struct Reader {
       return;
     }
     if (r == kDroppedRow) return;
+    if (r <= kObjRowBase) {
+      int k = kObjRowBase - r;
+      objTrip.push_back(Triplet{col, k, v});
+      if (k == mainObj) obj[static_cast<size_t>(col)] += v;
+      return;
+    }
     if (std::fabs(v) < env->par.VORN_PAR_ZERO) {
       if (!warnedSmall) {
         log(env, "Warning: mps file contains small (< %g) coefficients, ignored\n",
@@ -366,6 +456,16 @@ struct Reader {
 
   void rhsEntry(const char* row, double v, bool isRange) {
     int r = findRow(row);
+    if (r <= kObjRowBase) {
+      if (isRange) {
+        log(env, "Warning: range row %s for objective isn't supported.\n", row);
+      } else {
+        int k = kObjRowBase - r;
+        objRows[static_cast<size_t>(k)].constant = -v;
+        if (k == mainObj) objCon = -v;
+      }
+      return;
+    }
     if (isRange) {
       if (r == -1 || r == kDroppedRow) {
         log(env, "Warning: range row %s isn't defined in row section.\n", row);
@@ -551,6 +651,184 @@ struct Reader {
     return 0;
   }
 
+  // LAZYCONS [n]: rows as in ROWS, with the lazy value of the header.
+  int lazyHeader() {
+    int value = 1;
+    if (ntok > 1 && std::sscanf(tok[1], "%d", &value) != 1) return lineError();
+    for (size_t k = 0; k < lazyValues.size(); ++k)
+      if (lazyValues[k] == value) {
+        log(env, "Error at line %d (second LAZYCONS section with same lazyness):\n %s\n", lineNo, text);
+        return raise(env, VRX_ERROR_FILE_READ, true, "MPS read error at line %d:\n%s\n", lineNo, text);
+      }
+    lazyValues.push_back(value);
+    curLazy = value;
+    sawRows = true;
+    return 0;
+  }
+
+  int qcHeader() {
+    if (ntok < 2) return lineError();
+    int r = findRow(tok[1]);
+    if (r < 0)
+      return fail("Error: a quadratic constraint isn't defined in row section.\n",
+                  "Error: a quadratic constraint isn't defined in row section.\n");
+    for (size_t k = 0; k < qcs.size(); ++k)
+      if (qcs[k].row == r)
+        return fail("Error, Q terms of a constraint appear in more than one section.\n",
+                    "Error, Q terms of a constraint appear in more than one section.\n");
+    qcs.push_back(QcItem{r, static_cast<int64_t>(qcTerms.size())});
+    return 0;
+  }
+
+  int qcLine() {
+    double v = 0;
+    const char* a = nullptr;
+    const char* b = nullptr;
+    if (ntok == 3 && parseDouble(tok[2], &v)) {
+      a = tok[0];
+      b = tok[1];
+    } else {
+      char* f[6];
+      fixedFields(f);
+      if (!f[1] || !f[2] || !parseDouble(f[3], &v)) return lineError();
+      a = f[1];
+      b = f[2];
+    }
+    int i = findCol(a), j = findCol(b);
+    if (i < 0 || j < 0) {
+      log(env, "  variable name in the quadratic section not found\n");
+      return lineError();
+    }
+    if (std::fabs(v) < env->par.VORN_PAR_ZERO) return 0;
+    qcTerms.push_back(QTerm{i, j, v});
+    return 0;
+  }
+
+  // IF row binvar value
+  int indicatorLine() {
+    if (ntok < 1 || strcasecmp(tok[0], "IF") != 0) {
+      log(env, "Error at line %d, expected indicator keyword 'IF'\n%s\n", lineNo, text);
+      return raise(env, VRX_ERROR_FILE_READ, true, "MPS read error at line %d:\n%s\n", lineNo, text);
+    }
+    if (ntok != 4) {
+      log(env, "Error at line %d, expected indicator constraint:\n%s\n", lineNo, text);
+      return raise(env, VRX_ERROR_FILE_READ, true, "MPS read error at line %d:\n%s\n", lineNo, text);
+    }
+    int var = findCol(tok[2]);
+    if (var < 0) {
+      log(env, "Error at line %d, unknown indicator variable name:\n%s\n", lineNo, text);
+      return raise(env, VRX_ERROR_FILE_READ, true, "MPS read error at line %d:\n%s\n", lineNo, text);
+    }
+    double value = -1;
+    if (!parseDouble(tok[3], &value) || (value != 0.0 && value != 1.0)) {
+      log(env, "Error at line %d, indicator variable value incorrect:\n%s\n", lineNo, text);
+      return raise(env, VRX_ERROR_FILE_READ, true, "MPS read error at line %d:\n%s\n", lineNo, text);
+    }
+    int r = findRow(tok[1]);
+    if (r == -1 || r == kDroppedRow) {
+      log(env, "Warning: indicator row %s isn't defined in row section and will be skipped.\n", tok[1]);
+      return 0;
+    }
+    if (r < 0) {
+      log(env, "Warning: indicator row %s for objective isn't supported and will be skipped\n", tok[1]);
+      return 0;
+    }
+    inds.push_back(IndItem{r, var, static_cast<int>(value)});
+    return 0;
+  }
+
+  int genError(const char* what) {
+    log(env, "Error at line %d, %s:\n%s\n", lineNo, what, text);
+    return raise(env, VRX_ERROR_FILE_READ, true, "MPS read error at line %d:\n%s\n", lineNo, text);
+  }
+
+  // A header "TYPE name", then one line per operand: the result first, then
+  // variables, and for MIN and MAX constants.
+  int genLine() {
+    if (ntok == 2) {
+      int type = -1;
+      for (int t = 0; t < 5; ++t)
+        if (strcasecmp(tok[0], kGenTypeNames[t]) == 0) type = t;
+      if (type < 0) return genError("parsing general constraint type not implemented");
+      if (int err = genFinish()) return err;
+      double start = type == VRX_GENCONSTR_MAX ? -kInf : (type == VRX_GENCONSTR_MIN ? kInf : 0.0);
+      gens.push_back(GenItem{type, store(tok[1]), lineNo, static_cast<int64_t>(genVars.size()), 0,
+                             start, -1, false});
+      return 0;
+    }
+    if (ntok != 1 || gens.empty()) return genError("expected general constraint");
+    GenItem& g = gens.back();
+    double v = 0;
+    bool isNum = parseDouble(tok[0], &v);
+    if (g.res < 0) {
+      if (isNum)
+        return genError("general constraint has to start with known resultant variable, not with a constant");
+      g.res = findCol(tok[0]);
+      if (g.res < 0) return genError("unknown variable name");
+      return 0;
+    }
+    if (isNum) {
+      if (g.type != VRX_GENCONSTR_MAX && g.type != VRX_GENCONSTR_MIN) {
+        log(env, "Error at line %d, general constraint of type %s does not support constants:\n%s\n",
+            lineNo, kGenTypeNames[g.type], text);
+        return raise(env, VRX_ERROR_FILE_READ, true, "MPS read error at line %d:\n%s\n", lineNo, text);
+      }
+      g.constant = g.type == VRX_GENCONSTR_MAX ? std::max(g.constant, v) : std::min(g.constant, v);
+      g.anyConstant = true;
+      return 0;
+    }
+    int j = findCol(tok[0]);
+    if (j < 0) return genError("unknown variable name");
+    if (g.type == VRX_GENCONSTR_ABS && g.count == 1)
+      return genError("ABS constraint with multiple argument variables");
+    genVars.push_back(j);
+    g.count++;
+    return 0;
+  }
+
+  // Checks the last general constraint once its operands are all read.
+  int genFinish() {
+    if (gens.empty()) return 0;
+    GenItem& g = gens.back();
+    if (g.res < 0 && g.count == 0) {
+      lineNo = g.line;
+      return genError("no variables nor constants read");
+    }
+    const char* name = nameAt(g.name);
+    if (g.type == VRX_GENCONSTR_ABS && g.count == 0) {
+      lineNo = g.line;
+      return genError("ABS constraint without argument variable");
+    }
+    if ((g.type == VRX_GENCONSTR_MAX || g.type == VRX_GENCONSTR_MIN) && g.count == 0) {
+      if (!g.anyConstant || std::fabs(g.constant) >= kInf)
+        return fail("Error, read general MIN or MAX constraint with no operands and no finite constant\n",
+                    "Error, read general MIN or MAX constraint with no operands and no finite constant\n");
+      log(env, "Warning: resultant variable of general constraint <%s> depends only on constants\n", name);
+    } else if (g.count == 0) {
+      log(env, "Warning: general constraint <%s> has nothing but a resultant variable\n", name);
+    }
+    return 0;
+  }
+
+  int pwlLine() {
+    double x = 0, y = 0;
+    if (ntok != 3 || !parseDouble(tok[1], &x) || !parseDouble(tok[2], &y) || findCol(tok[0]) < 0) {
+      log(env, "Error in the piecewise linear objective section at line %d\n", lineNo);
+      return raise(env, VRX_ERROR_FILE_READ, true, "MPS reader: in the piecewise linear objective section\n");
+    }
+    int j = findCol(tok[0]);
+    if (pwlClosed.size() < static_cast<size_t>(numCols())) pwlClosed.resize(static_cast<size_t>(numCols()), 0);
+    if (j != lastPwlVar) {
+      if (pwlClosed[static_cast<size_t>(j)])
+        return fail("Error: objective pieces are separated for a variable\n",
+                    "MPS reader: objective pieces are separated for a variable\n");
+      if (lastPwlVar >= 0) pwlClosed[static_cast<size_t>(lastPwlVar)] = 1;
+      lastPwlVar = j;
+    }
+    pwl.push_back(PwlPt{j, x, y});
+    return 0;
+  }
+
   int header(Section* sec) {
     const char* key = tok[0];
     auto is = [&](const char* k) { return strcasecmp(key, k) == 0; };
@@ -594,6 +872,19 @@ struct Reader {
       sawQuad = true;
       *sec = is("QUADOBJ") ? kQuadUpper : kQuadFull;
       quadFull = *sec == kQuadFull;
+    } else if (is("LAZYCONS")) {
+      *sec = kLazy;
+      return lazyHeader();
+    } else if (is("QCMATRIX")) {
+      *sec = kQCMatrix;
+      return qcHeader();
+    } else if (is("INDICATORS")) {
+      *sec = kIndicators;
+      sawIndicators = true;
+    } else if (is("GENCONS")) {
+      *sec = kGencons;
+    } else if (is("PWLOBJ")) {
+      *sec = kPwlObj;
     } else if (is("ENDATA")) {
       sawEnd = true;
       *sec = kEnd;
@@ -633,6 +924,8 @@ struct Reader {
       int err = 0;
       if (!isBlank(text[0])) {
         if (sawEnd) break;
+        if (sec == kGencons && (err = genFinish())) return err;
+        if (sec == kRows) curLazy = 0;
         err = header(&sec);
       } else {
         switch (sec) {
@@ -646,6 +939,11 @@ struct Reader {
           case kSos: err = sosLine(); break;
           case kQuadUpper:
           case kQuadFull: err = quadLine(); break;
+          case kLazy: err = rowsLine(); break;
+          case kQCMatrix: err = qcLine(); break;
+          case kIndicators: err = indicatorLine(); break;
+          case kGencons: err = genLine(); break;
+          case kPwlObj: err = pwlLine(); break;
           default: err = lineError(); break;
         }
       }
@@ -671,8 +969,23 @@ char** nameArray(VRXenv* env, size_t n) {
 
 }  // namespace
 
+static void extrasFree(VRXenv* env, MpsExtras* x) {
+  if (!x) return;
+  for (int k = 0; x->objName && k < x->numObj; ++k) envFree(env, x->objName[k]);
+  for (int k = 0; x->genName && k < x->numGen; ++k) envFree(env, x->genName[k]);
+  void* blocks[] = {x->lazy,   x->objName, x->objPriority, x->objWeight, x->objAbsTol, x->objRelTol,
+                    x->objBeg, x->objInd,  x->objVal,      x->qcRow,     x->qcBeg,     x->qcI,
+                    x->qcJ,    x->qcVal,   x->indRow,      x->indVar,    x->indVal,    x->genType,
+                    x->genName, x->genRes, x->genBeg,      x->genVars,   x->genConst,  x->pwlVar,
+                    x->pwlBeg, x->pwlX,    x->pwlY};
+  for (void* b : blocks) envFree(env, b);
+  envFree(env, x);
+}
+
 void mpsDataFree(VRXenv* env, MpsData* d) {
   if (!d) return;
+  extrasFree(env, d->extras);
+  d->extras = nullptr;
   if (d->rowNames)
     for (int i = 0; i < d->numRows; ++i) envFree(env, d->rowNames[i]);
   if (d->colNames)
@@ -899,6 +1212,158 @@ static int buildQuad(VRXenv* env, Reader& rd, bool full, MpsData* d) {
   return 0;
 }
 
+template <class T>
+static T* arrayOf(VRXenv* env, size_t n) {
+  T* p = envCallocArray<T>(env, n ? n : 1);
+  if (!p) throw std::bad_alloc();
+  return p;
+}
+
+static char* nameCopy(VRXenv* env, const char* s) {
+  char* p = envStrdup(env, s);
+  if (!p) throw std::bad_alloc();
+  return p;
+}
+
+// Collects what goes beyond the linear model; d->extras stays null when nothing does.
+static void buildExtras(VRXenv* env, Reader& rd, MpsData* d) {
+  const int m = rd.numRows();
+  bool anyLazy = false;
+  for (int i = 0; i < m; ++i) anyLazy = anyLazy || rd.rowLazy[static_cast<size_t>(i)] != 0;
+  if (rd.sawIndicators && rd.inds.empty()) log(env, "Warning: empty indicator section skipped\n");
+  // Indicator rows: not ranged, and never lazy.
+  EnvVec<IndItem> inds(env);
+  for (size_t k = 0; k < rd.inds.size(); ++k) {
+    const IndItem& it = rd.inds[k];
+    const char* rn = rd.nameAt(rd.rowName[static_cast<size_t>(it.row)]);
+    if (rd.rangeSeen[static_cast<size_t>(it.row)]) {
+      log(env, "Warning: range row as indicator row %s not supported and will be skipped\n", rn);
+      continue;
+    }
+    if (rd.rowLazy[static_cast<size_t>(it.row)]) {
+      log(env, "Warning: indicator constraint %s cannot be lazy (lazyness removed)\n", rn);
+      rd.rowLazy[static_cast<size_t>(it.row)] = 0;
+    }
+    inds.push_back(it);
+  }
+  anyLazy = false;
+  for (int i = 0; i < m; ++i) anyLazy = anyLazy || rd.rowLazy[static_cast<size_t>(i)] != 0;
+  if (!anyLazy && rd.objRows.empty() && rd.qcs.empty() && inds.empty() && rd.gens.empty() &&
+      rd.pwl.empty())
+    return;
+  auto* x = static_cast<MpsExtras*>(envCalloc(env, 1, sizeof(MpsExtras)));
+  if (!x) throw std::bad_alloc();
+  d->extras = x;
+  if (anyLazy) {
+    x->lazy = arrayOf<int>(env, static_cast<size_t>(m));
+    for (int i = 0; i < m; ++i) x->lazy[i] = rd.rowLazy[static_cast<size_t>(i)];
+  }
+  int no = static_cast<int>(rd.objRows.size());
+  if (no > 0) {
+    x->numObj = no;
+    x->objName = arrayOf<char*>(env, static_cast<size_t>(no));
+    x->objPriority = arrayOf<int>(env, static_cast<size_t>(no));
+    x->objWeight = arrayOf<double>(env, static_cast<size_t>(no));
+    x->objAbsTol = arrayOf<double>(env, static_cast<size_t>(no));
+    x->objRelTol = arrayOf<double>(env, static_cast<size_t>(no));
+    x->objBeg = arrayOf<int>(env, static_cast<size_t>(no) + 1);
+    size_t nt = rd.objTrip.size();
+    x->objInd = arrayOf<int>(env, nt);
+    x->objVal = arrayOf<double>(env, nt);
+    for (int k = 0; k < no; ++k) {
+      const ObjRowInfo& o = rd.objRows[static_cast<size_t>(k)];
+      x->objName[k] = nameCopy(env, rd.nameAt(o.name));
+      x->objPriority[k] = o.priority;
+      x->objWeight[k] = o.weight;
+      x->objAbsTol[k] = o.absTol;
+      x->objRelTol[k] = o.relTol;
+    }
+    for (size_t t = 0; t < nt; ++t) x->objBeg[rd.objTrip[t].row + 1]++;
+    for (int k = 0; k < no; ++k) x->objBeg[k + 1] += x->objBeg[k];
+    EnvVec<int> fill(env);
+    fill.resize(static_cast<size_t>(no), 0);
+    for (int k = 0; k < no; ++k) fill[static_cast<size_t>(k)] = x->objBeg[k];
+    for (size_t t = 0; t < nt; ++t) {
+      int p = fill[static_cast<size_t>(rd.objTrip[t].row)]++;
+      x->objInd[p] = rd.objTrip[t].col;
+      x->objVal[p] = rd.objTrip[t].val;
+    }
+  }
+  int nq = static_cast<int>(rd.qcs.size());
+  if (nq > 0) {
+    size_t terms = rd.qcTerms.size();
+    x->numQC = nq;
+    x->qcRow = arrayOf<int>(env, static_cast<size_t>(nq));
+    x->qcBeg = arrayOf<int>(env, static_cast<size_t>(nq) + 1);
+    x->qcI = arrayOf<int>(env, terms);
+    x->qcJ = arrayOf<int>(env, terms);
+    x->qcVal = arrayOf<double>(env, terms);
+    for (int k = 0; k < nq; ++k) {
+      x->qcRow[k] = rd.qcs[static_cast<size_t>(k)].row;
+      x->qcBeg[k] = static_cast<int>(rd.qcs[static_cast<size_t>(k)].beg);
+    }
+    x->qcBeg[nq] = static_cast<int>(terms);
+    for (size_t t = 0; t < terms; ++t) {
+      x->qcI[t] = rd.qcTerms[t].i;
+      x->qcJ[t] = rd.qcTerms[t].j;
+      x->qcVal[t] = rd.qcTerms[t].v;
+    }
+  }
+  int ni = static_cast<int>(inds.size());
+  if (ni > 0) {
+    x->numInd = ni;
+    x->indRow = arrayOf<int>(env, static_cast<size_t>(ni));
+    x->indVar = arrayOf<int>(env, static_cast<size_t>(ni));
+    x->indVal = arrayOf<int>(env, static_cast<size_t>(ni));
+    for (int k = 0; k < ni; ++k) {
+      x->indRow[k] = inds[static_cast<size_t>(k)].row;
+      x->indVar[k] = inds[static_cast<size_t>(k)].var;
+      x->indVal[k] = inds[static_cast<size_t>(k)].val;
+    }
+  }
+  int ng = static_cast<int>(rd.gens.size());
+  if (ng > 0) {
+    x->numGen = ng;
+    x->genType = arrayOf<int>(env, static_cast<size_t>(ng));
+    x->genName = arrayOf<char*>(env, static_cast<size_t>(ng));
+    x->genRes = arrayOf<int>(env, static_cast<size_t>(ng));
+    x->genBeg = arrayOf<int>(env, static_cast<size_t>(ng) + 1);
+    x->genVars = arrayOf<int>(env, rd.genVars.size());
+    x->genConst = arrayOf<double>(env, static_cast<size_t>(ng));
+    for (int k = 0; k < ng; ++k) {
+      const GenItem& g = rd.gens[static_cast<size_t>(k)];
+      x->genType[k] = g.type;
+      x->genName[k] = nameCopy(env, rd.nameAt(g.name));
+      x->genRes[k] = g.res;
+      x->genBeg[k] = static_cast<int>(g.beg);
+      x->genConst[k] = g.constant;
+    }
+    x->genBeg[ng] = static_cast<int>(rd.genVars.size());
+    for (size_t t = 0; t < rd.genVars.size(); ++t) x->genVars[t] = rd.genVars[t];
+  }
+  size_t npts = rd.pwl.size();
+  if (npts > 0) {
+    int nv = 0;
+    for (size_t t = 0; t < npts; ++t) nv += t == 0 || rd.pwl[t].var != rd.pwl[t - 1].var;
+    x->numPwl = nv;
+    x->pwlVar = arrayOf<int>(env, static_cast<size_t>(nv));
+    x->pwlBeg = arrayOf<int>(env, static_cast<size_t>(nv) + 1);
+    x->pwlX = arrayOf<double>(env, npts);
+    x->pwlY = arrayOf<double>(env, npts);
+    int k = -1;
+    for (size_t t = 0; t < npts; ++t) {
+      if (t == 0 || rd.pwl[t].var != rd.pwl[t - 1].var) {
+        ++k;
+        x->pwlVar[k] = rd.pwl[t].var;
+        x->pwlBeg[k] = static_cast<int>(t);
+      }
+      x->pwlX[t] = rd.pwl[t].x;
+      x->pwlY[t] = rd.pwl[t].y;
+    }
+    x->pwlBeg[nv] = static_cast<int>(npts);
+  }
+}
+
 int mpsRead(VRXenv* env, Stream* s, const char* filename, MpsData* out) {
   std::memset(out, 0, sizeof *out);
   Reader rd(env);
@@ -910,6 +1375,7 @@ int mpsRead(VRXenv* env, Stream* s, const char* filename, MpsData* out) {
     if (!err) {
       buildData(env, rd, out);
       err = buildQuad(env, rd, rd.quadFull, out);
+      if (!err) buildExtras(env, rd, out);
     }
   } catch (const std::bad_alloc&) {
     log(env, "Error: out of memory.\n");

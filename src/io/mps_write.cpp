@@ -9,6 +9,7 @@
 #include "io/numfmt.h"
 #include "model/model.h"
 #include "model/modeldata.h"
+#include "model/result.h"
 
 namespace vrx {
 
@@ -67,17 +68,92 @@ int mpsWrite(VRXenv* env, const VRXmodel* model, Stream* s) {
   if (!w.varNames && n > 0) log(env, "Warning: default variable names used to write mps file\n");
   if (!w.conNames && m > 0) log(env, "Warning: default constraint names used to write mps file\n");
 
+  // Quadratic and indicator constraints are rows of the file too, named as the model names them.
+  const int nq = d->numQConstrs;
+  bool qcNames = namesUsable(d->qcName, nq);
+  if (!qcNames && nq > 0) log(env, "Warning: default Q constraint names used to write mps file\n");
+  EnvVec<int> indicators(env);
+  for (int g = 0; g < d->numGenConstrs; ++g)
+    if (d->genConstrs[g].type == VRX_GENCONSTR_INDICATOR) indicators.push_back(g);
+  const int ni = static_cast<int>(indicators.size());
+  char qcBuf[32], genBuf[32];
+  auto qcName = [&](int q) -> const char* {
+    if (qcNames) return d->qcName[q];
+    std::snprintf(qcBuf, sizeof qcBuf, "QC%d", q);
+    return qcBuf;
+  };
+  auto genName = [&](int g) -> const char* {
+    const char* nm = d->genConstrs[g].name;
+    if (nm && !unsafeName(nm)) return nm;
+    std::snprintf(genBuf, sizeof genBuf, "GC%d", g);
+    return genBuf;
+  };
+  auto letter = [](char sn) { return sn == '<' ? 'L' : (sn == '>' ? 'G' : 'E'); };
+  const VRXobjlist* objs = model->objList && model->objList->count > 0 ? model->objList : nullptr;
+  const double flip = d->modelSense < 0 ? -1.0 : 1.0;  // further objectives are in the caller's sense
+
   w.put("NAME %s\n", d->modelName ? d->modelName : "");
   if (d->modelSense < 0) w.put("* Max problem is converted into Min one\n");
   w.put("ROWS\n");
   w.put(" N  OBJ\n");
-  for (int i = 0; i < m; ++i) {
-    char c = d->sense[i] == '<' ? 'L' : (d->sense[i] == '>' ? 'G' : 'E');
-    w.put(" %c  %-8s\n", c, w.con(i, w.nameA));
+  if (objs)
+    for (int k = 0; k < objs->count; ++k) {
+      const VRXobjective& o = objs->items[k];
+      char a[kNumBuf], b[kNumBuf], c[kNumBuf];
+      w.put(" N  OBJ%d  %d %s %s %s\n", k, o.priority, formatNumber(o.weight, a),
+            formatNumber(o.absTol, b), formatNumber(o.relTol, c));
+    }
+  const int* lazy = model->lazyFlag;
+  for (int i = 0; i < m; ++i)
+    if (!lazy || lazy[i] == 0) w.put(" %c  %-8s\n", letter(d->sense[i]), w.con(i, w.nameA));
+  for (int q = 0; q < nq; ++q) w.put(" %c  %-8s\n", letter(d->qcSense[q]), qcName(q));
+  for (int k = 0; k < ni; ++k) {
+    const VRXgenconstr& g = d->genConstrs[indicators[static_cast<size_t>(k)]];
+    w.put(" %c  %-8s\n", letter(g.sense), genName(indicators[static_cast<size_t>(k)]));
   }
+  if (lazy) {
+    // One section per lazy value, in increasing order.
+    int last = 0;
+    for (;;) {
+      int next = 0;
+      for (int i = 0; i < m; ++i)
+        if (lazy[i] > last && (next == 0 || lazy[i] < next)) next = lazy[i];
+      if (next == 0) break;
+      if (next == 1)
+        w.put("LAZYCONS\n");
+      else
+        w.put("LAZYCONS %d\n", next);
+      for (int i = 0; i < m; ++i)
+        if (lazy[i] == next) w.put(" %c  %-8s\n", letter(d->sense[i]), w.con(i, w.nameA));
+      last = next;
+    }
+  }
+
+  // Linear parts of quadratic and indicator rows, by column.
+  struct Extra {
+    int col;
+    int slot;  // 0..nq-1 quadratic, nq.. indicator
+    double val;
+  };
+  EnvVec<Extra> extra(env);
+  for (int q = 0; q < nq; ++q)
+    for (int64_t p = d->qcLinBeg[q]; p < d->qcLinBeg[q + 1]; ++p)
+      extra.push_back(Extra{d->qcLinInd[p], q, d->qcLinVal[p]});
+  for (int k = 0; k < ni; ++k) {
+    const VRXgenconstr& g = d->genConstrs[indicators[static_cast<size_t>(k)]];
+    for (int t = 0; t < g.count; ++t) extra.push_back(Extra{g.ind[t], nq + k, g.val[t]});
+  }
+  if (objs)
+    for (int k = 0; k < objs->count; ++k)
+      for (int j = 0; j < objs->items[k].size && j < n; ++j)
+        if (objs->items[k].coeffs[j] != 0.0)
+          extra.push_back(Extra{j, -1 - k, flip * objs->items[k].coeffs[j]});
+  std::stable_sort(extra.data(), extra.data() + extra.size(),
+                   [](const Extra& a, const Extra& b) { return a.col < b.col; });
 
   w.put("COLUMNS\n");
   bool inInt = false;
+  size_t ex = 0;
   for (int j = 0; j < n && !w.err; ++j) {
     char t = d->vtype[j];
     bool isInt = t == 'I' || t == 'B' || t == 'N';
@@ -88,17 +164,43 @@ int mpsWrite(VRXenv* env, const VRXmodel* model, Stream* s) {
     const char* name = w.var(j, w.nameA);
     int64_t beg = d->colBeg[j];
     int len = d->colLen[j];
+    bool anyExtra = ex < extra.size() && extra[ex].col == j;
     // A column with no entry at all still needs a line to exist.
-    if (d->obj[j] != 0.0 || len == 0) w.put("    %-8s  OBJ       %s\n", name, w.num(d->obj[j]));
+    if (d->obj[j] != 0.0 || (len == 0 && !anyExtra))
+      w.put("    %-8s  OBJ       %s\n", name, w.num(d->obj[j]));
     for (int64_t p = beg; p < beg + len; ++p)
       w.put("    %-8s  %-8s  %s\n", name, w.con(d->rowInd[p], w.nameB), w.num(d->val[p]));
+    for (; ex < extra.size() && extra[ex].col == j; ++ex) {
+      const Extra& e = extra[ex];
+      if (e.slot < 0) {
+        char objRow[32];
+        std::snprintf(objRow, sizeof objRow, "OBJ%d", -1 - e.slot);
+        w.put("    %-8s  %-8s  %s\n", name, objRow, w.num(e.val));
+      } else {
+        const char* row = e.slot < nq ? qcName(e.slot) : genName(indicators[static_cast<size_t>(e.slot - nq)]);
+        w.put("    %-8s  %-8s  %s\n", name, row, w.num(e.val));
+      }
+    }
   }
   if (inInt) w.put("    MARKER    %s                 %s\n", "'MARKER'", "'INTEND'");
 
   w.put("RHS\n");
   if (d->objCon != 0.0) w.put("    RHS1      OBJ       %s\n", w.num(-d->objCon));
+  if (objs)
+    for (int k = 0; k < objs->count; ++k)
+      if (objs->items[k].constant != 0.0) {
+        char objRow[32];
+        std::snprintf(objRow, sizeof objRow, "OBJ%d", k);
+        w.put("    RHS1      %-8s  %s\n", objRow, w.num(-flip * objs->items[k].constant));
+      }
   for (int i = 0; i < m; ++i)
     if (d->rhs[i] != 0.0) w.put("    RHS1      %-8s  %s\n", w.con(i, w.nameA), w.num(d->rhs[i]));
+  for (int q = 0; q < nq; ++q)
+    if (d->qcRHS[q] != 0.0) w.put("    RHS1      %-8s  %s\n", qcName(q), w.num(d->qcRHS[q]));
+  for (int k = 0; k < ni; ++k) {
+    const VRXgenconstr& g = d->genConstrs[indicators[static_cast<size_t>(k)]];
+    if (g.rhs != 0.0) w.put("    RHS1      %-8s  %s\n", genName(indicators[static_cast<size_t>(k)]), w.num(g.rhs));
+  }
 
   w.put("BOUNDS\n");
   for (int j = 0; j < n && !w.err; ++j) {
@@ -174,6 +276,43 @@ int mpsWrite(VRXenv* env, const VRXmodel* model, Stream* s) {
       if (sum != 0.0)
         w.put("    %-8s  %-8s  %s\n", w.var(ri[a], w.nameA), w.var(ci[a], w.nameB), w.num(sum));
       k = e;
+    }
+  }
+  for (int q = 0; q < nq; ++q) {
+    w.put("QCMATRIX   %-8s\n", qcName(q));
+    for (int64_t p = d->qcQuadBeg[q]; p < d->qcQuadBeg[q + 1]; ++p)
+      w.put("    %-8s  %-8s  %s\n", w.var(d->qcRow[p], w.nameA), w.var(d->qcCol[p], w.nameB),
+            w.num(d->qcVal[p]));
+  }
+  if (ni > 0) {
+    w.put("INDICATORS\n");
+    for (int k = 0; k < ni; ++k) {
+      int g = indicators[static_cast<size_t>(k)];
+      w.put(" IF %-8s  %-8s  %d\n", genName(g), w.var(d->genConstrs[g].resultVar, w.nameA),
+            d->genConstrs[g].binValue);
+    }
+  }
+  if (d->numPWLObjVars > 0 && d->pwlBeg && d->pwlCount) {
+    w.put("PWLOBJ\n");
+    for (int j = 0; j < n; ++j)
+      for (int k = 0; k < d->pwlCount[j]; ++k) {
+        char xb[kNumBuf];
+        w.put("    %-8s  %s  %s\n", w.var(j, w.nameA), formatNumber(d->pwlX[d->pwlBeg[j] + k], xb),
+              w.num(d->pwlY[d->pwlBeg[j] + k]));
+      }
+  }
+  if (d->numGenConstrs > ni) {
+    static const char* const kTypes[] = {"MAX", "MIN", "ABS", "AND", "OR"};
+    w.put("GENCONS\n");
+    for (int g = 0; g < d->numGenConstrs; ++g) {
+      const VRXgenconstr& gc = d->genConstrs[g];
+      if (gc.type == VRX_GENCONSTR_INDICATOR) continue;
+      w.put(" %s %s\n", kTypes[gc.type], genName(g));
+      w.put("    %s\n", w.var(gc.resultVar, w.nameA));
+      for (int k = 0; k < gc.count; ++k) w.put("    %s\n", w.var(gc.vars[k], w.nameA));
+      bool finite = std::fabs(gc.constant) < kInf;
+      if ((gc.type == VRX_GENCONSTR_MAX || gc.type == VRX_GENCONSTR_MIN) && finite)
+        w.put("    %s\n", w.num(gc.constant));
     }
   }
   w.put("ENDATA\n");

@@ -1141,6 +1141,59 @@ VRX_API int VRXsetstrattrelement(VRXmodel* model, const char* attrname, int elem
                 [&] { return arraySet(model, attrname, tStr, element, 1, nullptr, &newvalue); });
 }
 
+VRX_API int VRXsetobjectiven(VRXmodel* model, int index, int priority, double weight,
+                             double abstol, double reltol, const char* name, double constant,
+                             int lnz, const int* lind, const double* lval) {
+  int err = modelEnter(model);
+  if (err) return err;
+  VRXenv* env = model->env;
+  return guarded(env, [&]() -> int {
+    int rc = 0;
+    if (index < 0) {
+      rc = raise(env, VRX_ERROR_INVALID_ARGUMENT, true, "Objective index must be non-negative");
+    } else if (lnz > 0 && (!lind || !lval)) {
+      rc = VRX_ERROR_NULL_ARGUMENT;
+    } else if ((rc = checkFinite(env, constant)) || (lnz > 0 && (rc = checkFiniteArray(env, lval, lnz)))) {
+    } else {
+      int count = model->objList ? model->objList->count : 0;
+      // Setting an objective beyond the table's end makes room for it.
+      if (index >= count) rc = setNumObj(model, index + 1);
+      int n = model->data->numVars;
+      for (int k = 0; !rc && k < lnz; ++k)
+        if (lind[k] < 0 || lind[k] >= n) rc = VRX_ERROR_INDEX_OUT_OF_RANGE;
+      if (!rc) {
+        VRXobjective& o = model->objList->items[index];
+        if (o.size < n) {
+          auto* grown = static_cast<double*>(
+              envRealloc(env, o.coeffs, static_cast<size_t>(n > 0 ? n : 1) * sizeof(double)));
+          if (!grown) rc = VRX_ERROR_OUT_OF_MEMORY;
+          else {
+            o.coeffs = grown;
+            o.size = n;
+          }
+        }
+        if (!rc) {
+          for (int j = 0; j < o.size; ++j) o.coeffs[j] = 0.0;
+          for (int k = 0; k < lnz; ++k) o.coeffs[lind[k]] += lval[k];
+          o.priority = priority;
+          o.weight = weight;
+          o.absTol = abstol;
+          o.relTol = reltol;
+          o.constant = constant;
+          char* copy = name ? envStrdup(env, name) : nullptr;
+          if (name && !copy) rc = VRX_ERROR_OUT_OF_MEMORY;
+          else {
+            envFree(env, o.name);
+            o.name = copy;
+          }
+        }
+      }
+    }
+    if (rc) raise(env, rc, false, "Problem setting objective");
+    return setError(env, rc);
+  });
+}
+
 VRX_API int VRXgetattrinfo(VRXmodel* model, const char* attrname, int* datatypeP, int* attrtypeP,
                            int* settableP) {
   if (datatypeP) *datatypeP = -1;
