@@ -5,10 +5,13 @@
 
 #include "env/envvec.h"
 #include "env/locale.h"
+#include "io/lpfile.h"
 #include "io/mps.h"
+#include "io/sidefiles.h"
 #include "io/stream.h"
 #include "model/model.h"
 #include "model/modeldata.h"
+#include "model/pending.h"
 
 namespace vrx {
 
@@ -211,8 +214,21 @@ int readModelFile(VRXenv* env, const char* filename, VRXmodel** modelP) {
       if (!err) err = applyExtras(env, d, *modelP);
       mpsDataFree(env, &d);
     }
-  } else if (kind == 3 || kind == 4 || kind == 5 || kind == 13) {
-    // The LP and OPB readers are not part of this build.
+  } else if (kind == 3 || kind == 4 || kind == 5) {
+    format = "LP";
+    Stream* s = streamOpen(env, path, 'r', &err);
+    if (!s) {
+      err = err == VRX_ERROR_OUT_OF_MEMORY
+                ? err
+                : raise(env, VRX_ERROR_FILE_READ, true, "Unable to open file '%s' for input", path);
+    } else {
+      err = lpRead(env, s, path, modelP);
+      int closeErr = streamClose(s);
+      if (!err && closeErr)
+        err = raise(env, VRX_ERROR_FILE_READ, true, "Unable to read file '%s'", path);
+    }
+  } else if (kind == 13) {
+    // The OPB reader is not part of this build.
     err = raise(env, VRX_ERROR_NOT_SUPPORTED, true, "Unsupported operation");
   } else {
     err = raise(env, VRX_ERROR_FILE_READ, true, "Unknown file type for file '%s'", path);
@@ -235,10 +251,39 @@ int writeModelFile(VRXmodel* model, const char* filename) {
   NeutralLocale locale;
   int kind = fileKind(filename);
   if (kind == 9) return VRXwriteparams(env, filename);
+  if (kind == 6 || kind == 7 || kind == 8 || kind == 11 || kind == 12 || kind == 14) {
+    int rc = pendingActive(model) ? modelUpdate(model) : 0;
+    return rc ? rc : sideWrite(model, filename, kind);
+  }
+  if (kind == 3 || kind == 4 || kind == 5) {
+    int rc = pendingActive(model) ? modelUpdate(model) : 0;
+    if (rc) return rc;
+    // Without an IIS nothing is opened, so no empty file is left behind.
+    if (kind == 5 && !lpHasIIS(model))
+      return raise(env, VRX_ERROR_DATA_NOT_AVAILABLE, true, "No IIS available for current model");
+    Stream* s = streamOpen(env, filename, 'w', &rc);
+    if (!s) {
+      if (rc == VRX_ERROR_OUT_OF_MEMORY) return rc;
+      return raise(env, VRX_ERROR_FILE_WRITE, true, "Unable to open file '%s' for output", filename);
+    }
+    try {
+      rc = lpWrite(model, s, filename);
+    } catch (const std::bad_alloc&) {
+      rc = VRX_ERROR_OUT_OF_MEMORY;
+    }
+    int closeErr = streamClose(s);
+    if (rc == VRX_ERROR_OUT_OF_MEMORY) {
+      std::remove(filename);
+      return rc;
+    }
+    if (rc || closeErr) {
+      std::remove(filename);
+      return raise(env, VRX_ERROR_FILE_WRITE, true, "Unable to write to file '%s'\n", filename);
+    }
+    return 0;
+  }
   if (kind != 1 && kind != 2 && kind != 10) {
-    if (kind == 3 || kind == 4 || kind == 5 || kind == 6 || kind == 7 || kind == 8 ||
-        kind == 11 || kind == 12 || kind == 13 || kind == 14)
-      return raise(env, VRX_ERROR_NOT_SUPPORTED, true, "Unsupported operation");
+    if (kind == 13) return raise(env, VRX_ERROR_NOT_SUPPORTED, true, "Unsupported operation");
     return raise(env, VRX_ERROR_FILE_WRITE, true, "Unknown file type for file '%s'", filename);
   }
   int err = 0;
@@ -308,14 +353,18 @@ VRX_API int VRXread(VRXmodel* model, const char* filename) {
     char* path = nullptr;
     findFile(env, filename, &path);
     if (path) kind = fileKind(path);
-    envFree(env, path);
+    struct Owned {
+      VRXenv* env;
+      char* p;
+      ~Owned() { envFree(env, p); }
+    } owned{env, path};
     int rc;
     if (isModelKind(kind))
       rc = raise(env, VRX_ERROR_FILE_READ, true, "Can't import file '%s' into a model", filename);
     else if (kind == 9)
       rc = VRXreadparams(env, filename);
     else if (kind == 6 || kind == 7 || kind == 8 || kind == 11 || kind == 14)
-      rc = raise(env, VRX_ERROR_NOT_SUPPORTED, true, "Unsupported operation");
+      rc = sideRead(model, path ? path : filename, kind);
     else
       rc = raise(env, VRX_ERROR_FILE_READ, true, "Unknown file type for file '%s'", filename);
     return setError(env, rc);
