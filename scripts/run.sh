@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs the main job.
+# Installs what is missing, builds, and solves a model with vornix_cl
+# (by default the shared Netlib model afiro; any arguments go to vornix_cl).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 bash scripts/build.sh
-./build/tools/vrx_params_demo "${@:-Threads=1}"
+if [ $# -eq 0 ]; then
+  set -- ../shared/data/netlib/afiro.mps.gz
+fi
+./build/tools/vornix_cl "$@"

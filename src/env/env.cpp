@@ -279,6 +279,10 @@ VRXenv* envCopy(VRXenv* parent, bool reopenLog, int* errorOut) {
   return env;
 }
 
+// The dense kernels of the factor must give the same result at every run: the
+// BLAS library works on the calling thread only.
+extern "C" void openblas_set_num_threads(int) __attribute__((weak));
+
 // The start sequence of a master environment.
 static int startEnv(VRXenv** envP, const StartArgs& a, bool emptyOnly) {
   if (!envP) return VRX_ERROR_NULL_ARGUMENT;
@@ -352,6 +356,7 @@ static int startEnv(VRXenv** envP, const StartArgs& a, bool emptyOnly) {
         for (int i = 0; i < env->coreCount; ++i) env->coreMap[i] = -1;
     }
   }
+  if (openblas_set_num_threads) openblas_set_num_threads(1);
   // 8. parameter table
   if (!err) {
     reachedTables = true;

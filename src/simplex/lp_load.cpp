@@ -5,7 +5,9 @@
 #include <type_traits>
 
 #include "model/modeldata.h"
+#include "simplex/dual.h"
 #include "simplex/lp.h"
+#include "simplex/primal.h"
 
 namespace {
 
@@ -231,6 +233,8 @@ void VRXlpFreeWork(VRXlp* lp) {
   VRXfactorFree(&lp->factorQ);
   // pricing and primal belong to the loops; their free routines are to be called here
   // once those records exist. Nothing creates them yet.
+  VRXprimalFree(lp);
+  VRXdualpriceFree(lp);
 }
 
 int VRXlpRowSwap(VRXlp* lp, int var, int sign, double value) {

@@ -1,0 +1,80 @@
+// Crash of a first basis for the primal loop: structural columns replace slacks where they
+// can be placed triangularly.
+#include <algorithm>
+#include <cmath>
+
+#include "simplex/primal_impl.h"
+
+namespace vrx {
+namespace primal {
+
+// Columns are taken in order of preference: free ones first (they belong in the basis),
+// then those with one bound, then boxed ones by growing range; a cheaper cost breaks ties
+// (kind 2 takes the one costed column first). A column enters when its pivot row has no
+// entry in any column taken before (so the taken columns stay upper triangular), with a
+// pivot at least 0.9 of the column's largest entry; equality rows are covered first. The
+// slack of the pivot row leaves to its bound. Returns the number of columns placed.
+int crashBasis(VRXlp* lp, int kind) {
+  VRXprimalprice* pp = lp->primal;
+  const int n = lp->n, m = lp->m;
+  if (n == 0 || m == 0) return 0;
+  int* head = lp->quadMode ? lp->factorQ->basisHead : lp->factor->basisHead;
+  for (int i = 0; i < m; i++)
+    if (lp->varStat[n + i] < 0) return 0;  // not the slack basis: a start was given
+  const double inf = lp->infBound;
+  double cmax = 0;
+  for (int j = 0; j < n; j++) cmax = std::max(cmax, std::fabs(lp->cost[j]));
+  // Preference keys in the weights array, order in candidateBuf; both are rebuilt later.
+  double* key = pp->weights;
+  int* order = lp->candidateBuf;
+  int cnt = 0;
+  for (int j = 0; j < n; j++) {
+    const double lo = lp->lower[j], up = lp->upper[j];
+    if (lp->colLen[j] == 0 || lo == up || lp->varStat[j] >= 0) continue;
+    const bool lf = lo > -inf, uf = up < inf;
+    double k;
+    if (!lf && !uf) k = 0.0;
+    else if (!lf || !uf) k = 1.0;
+    else k = 2.0 + 1.0 / (1.0 + (up - lo));
+    if (cmax > 0) k += 0.5 * std::fabs(lp->cost[j]) / cmax;
+    if (kind == 2 && j == lp->singleCost) k = -1.0;
+    key[j] = k;
+    order[cnt++] = j;
+  }
+  std::stable_sort(order, order + cnt, [&](int a, int b) { return key[a] < key[b]; });
+
+  char* touched = pp->mark;  // first m entries: rows with an entry in a taken column
+  int placed = 0;
+  for (int t = 0; t < cnt; t++) {
+    const int j = order[t];
+    const int64_t b = lp->colBeg[j], e = b + lp->colLen[j];
+    double colMax = 0;
+    for (int64_t k = b; k < e; k++) colMax = std::max(colMax, std::fabs(lp->val[k]));
+    int best = -1;
+    double bestA = 0;
+    bool bestEq = false;
+    for (int64_t k = b; k < e; k++) {
+      const int i = lp->rowInd[k];
+      const double a = std::fabs(lp->val[k]);
+      if (touched[i] || a < 0.9 * colMax) continue;
+      const bool eq = lp->senseChar[i] == '=';
+      if (best < 0 || (eq && !bestEq) || (eq == bestEq && a > bestA)) {
+        best = i;
+        bestA = a;
+        bestEq = eq;
+      }
+    }
+    if (best < 0) continue;
+    const int p = lp->varStat[n + best];
+    head[p] = j;
+    lp->varStat[j] = p;
+    lp->varStat[n + best] = lp->upper[n + best] == lp->lower[n + best] ? VRX_VS_FIX_LOWER : VRX_VS_LOWER;
+    for (int64_t k = b; k < e; k++) touched[lp->rowInd[k]] = 1;
+    placed++;
+  }
+  for (int i = 0; i < m; i++) touched[i] = 0;
+  return placed;
+}
+
+}  // namespace primal
+}  // namespace vrx

@@ -1,0 +1,196 @@
+// Pieces of the primal loop shared by its translation units. T is the arithmetic of the
+// record's work vectors: double, or long double while quadMode is 1.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+
+#include "simplex/primal.h"
+
+namespace vrx {
+namespace primal {
+
+// Classes of a basis position (kept in rowFlag): out of bounds below or above, within
+// bounds (the tolerance included), or a free basic that never blocks.
+constexpr char kBelow = 'B';
+constexpr char kAbove = 'A';
+constexpr char kWithin = 'N';
+constexpr char kFree = 'F';
+
+// Outcomes of a ratio test.
+enum RatioResult { kPivot = 0, kFlip = 1, kUnbounded = 2, kSmallPivot = 3, kNoBlock = 4 };
+
+template <class T>
+inline T absT(T x) {
+  return x < T(0) ? -x : x;
+}
+
+// The code without the one-iteration rejection.
+inline int baseStat(int s) { return s < -6 ? s + VRX_VS_REJECT_SHIFT : s; }
+
+template <class T>
+struct Ctx {
+  VRXlp* lp;
+  VRXprimalprice* pp;
+  VRXenv* env;
+  Clock* clock;
+  int n, m, nm;
+  double inf;  // infBound: a bound at least this large is no bound
+  T* x;        // Bbar: basic values by position
+  T* d;        // Cbar: reduced costs of the phase in force
+  VRXsvecT<T>* col;  // ftran of the entering column, by position
+  VRXsvecT<T>* row;  // pivot row over the nonbasics, by variable
+  VRXsvecT<T>* rho;  // B^-T e_r, by row
+  VRXsvecT<T>* s1;   // scratch, n+m+1
+  VRXsvecT<T>* s2;   // scratch, n+m+1
+  VRXfactorT<T>* f;
+  VRXfactorMatrix A;
+  T* y;  // duals of the phase in force; kept up to date only in partial pricing (mode 0)
+
+  // The iteration in progress.
+  int q;        // entering variable
+  int dir;      // +1 increases, -1 decreases
+  T dq;         // its reduced cost
+  T xq;         // its value
+  int r;        // leaving position, -1 for a bound flip
+  int leaveUp;  // the leaving variable goes to its upper bound
+  T theta;      // primal step (>= 0, along dir)
+  T alphaR;     // pivot element from the column
+  int forceSmall;  // accept a small pivot (the retry of the best rejected column)
+
+  bool loFinite(int j) const { return pp->lo[j] > -inf; }
+  bool upFinite(int j) const { return pp->up[j] < inf; }
+
+  // The value of nonbasic j from its status and the working bounds.
+  double nbValue(int j) const {
+    const int s = baseStat(lp->varStat[j]);
+    if (s == VRX_VS_LOWER || s == VRX_VS_FIX_LOWER) return pp->lo[j];
+    if (s == VRX_VS_UPPER || s == VRX_VS_FIX_UPPER) return pp->up[j];
+    double v = lp->warmStart ? lp->warmStart[j] : 0.0;
+    if (v < pp->lo[j]) v = pp->lo[j];
+    if (v > pp->up[j]) v = pp->up[j];
+    return v;
+  }
+
+  // Phase cost of a variable: the true cost in phase 2 (none in a zero-objective run).
+  double trueCost(int j) const { return lp->zeroObjectiveMode ? 0.0 : lp->cost[j]; }
+  // Phase-I cost of a basic class; with twoStage the true cost rides along at 1/bigM.
+  double classCost(char cls) const { return cls == kBelow ? -1.0 : (cls == kAbove ? 1.0 : 0.0); }
+  double phaseCostBasic(int p) const {
+    const int j = f->basisHead[p];
+    if (pp->phase == 2) return trueCost(j);
+    double c = classCost(lp->rowFlag[p]);
+    if (pp->twoStage) c += trueCost(j) / pp->bigM;
+    return c;
+  }
+  double phaseCostNonbasic(int j) const {
+    if (pp->phase == 2) return trueCost(j);
+    return pp->twoStage ? trueCost(j) / pp->bigM : 0.0;
+  }
+
+  // The pricing tolerance of the phase in force.
+  T priceTolerance() const { return T(pp->phase == 1 ? pp->dualFeasTol : pp->priceTol); }
+
+  // Whether nonbasic j (status s, no rejection mark) would enter at tolerance tol.
+  bool attractive(int j, int s, T tol) const {
+    const T dj = d[j];
+    bool a;
+    if (s == VRX_VS_LOWER) a = dj < -tol;
+    else if (s == VRX_VS_UPPER) a = dj > tol;
+    else if (s == VRX_VS_FREE) a = absT(dj) > tol;
+    else return false;
+    return a && lp->lower[j] != lp->upper[j];
+  }
+
+  // Lists j among the pricing candidates when its new reduced cost makes it attractive.
+  void touch(int j) {
+    if (pp->infPos[j] >= 0) return;
+    if (!attractive(j, baseStat(lp->varStat[j]), priceTolerance())) return;
+    pp->infPos[j] = pp->infCount;
+    pp->infList[pp->infCount++] = j;
+  }
+
+  // Reduced cost of nonbasic j from the duals (partial pricing).
+  T freshD(int j) const {
+    T s = T(phaseCostNonbasic(j));
+    if (j >= n) return s - y[j - n];
+    for (int64_t k = lp->colBeg[j], e = lp->colBeg[j] + lp->colLen[j]; k < e; k++)
+      s -= y[lp->rowInd[k]] * T(lp->val[k]);
+    return s;
+  }
+
+  char classify(T v, int j) const {
+    const double lo = pp->lo[j], up = pp->up[j];
+    if (lo <= -inf && up >= inf) return kFree;
+    const T tol = T(lp->feasTol);
+    if (lo > -inf && v < T(lo) - tol) return kBelow;
+    if (up < inf && v > T(up) + tol) return kAbove;
+    return kWithin;
+  }
+};
+
+template <class T>
+Ctx<T> makeCtx(VRXlp* lp, Clock& clock);
+
+// ---- primal_core.cpp ----
+// Refactors, keeps the active copy and statuses in step with a repair, recomputes values,
+// classes and reduced costs. 0 or an error code; lp->status may change (12, -1002).
+template <class T>
+int refactorAndCompute(Ctx<T>& c);
+// x_B from the nonbasic values; classes, infeasCount, sums; the residual rule.
+template <class T>
+int computePrimal(Ctx<T>& c, bool measure);
+// y and the reduced costs of every nonbasic for the phase in force. With measure the drift
+// of the updated reduced costs sets a floor under the Markowitz tolerance.
+template <class T>
+int computeDual(Ctx<T>& c, bool measure = false);
+// out = w'N over the nonbasic columns (and slacks), w by row. out is left sparse. With w2,
+// out2[j] = w2'a_j for every j that out lists (out2 dense over n+m, the caller clears it).
+template <class T>
+void rowProduct(Ctx<T>& c, VRXsvecT<T>* w, VRXsvecT<T>* out, const VRXsvecT<T>* w2 = nullptr,
+                T* out2 = nullptr);
+// Turns a dense result into sparse form over its first dim entries.
+template <class T>
+void makeSparse(VRXsvecT<T>* v, int dim);
+// True objective of the current point, in solver units (cost'x).
+template <class T>
+double objectiveValue(const Ctx<T>& c);
+// Free columns turned away in phase I (status -6, not in the fix list) become -3 again.
+template <class T>
+void releaseTurnedAway(Ctx<T>& c);
+// Working bounds back to the true ones.
+template <class T>
+void restoreBounds(Ctx<T>& c);
+
+// ---- primal_price.cpp ----
+// Picks the entering variable, or -1. Sets c.q, c.dir, c.dq.
+template <class T>
+int priceEntering(Ctx<T>& c);
+// Weights for the mode in force from the current basis.
+template <class T>
+void resetWeights(Ctx<T>& c);
+// Reduced costs (d_j -= thetaD * alpha_rj) and weights after a pivot, from the pivot row
+// (c.row) and column (c.col), in one pass; atv holds a_j'B^-T alpha_q for the row's entries
+// in steepest-edge mode. Returns 1 when the weights should be reset.
+template <class T>
+int updateWeights(Ctx<T>& c, int leaveVar, const T* atv, T thetaD);
+
+// ---- primal_crash.cpp ----
+// Replaces slacks of the all-slack basis by triangularly placed structurals (kind 1 or 2).
+int crashBasis(VRXlp* lp, int kind);
+
+// ---- primal_ratio.cpp ----
+// Ratio tests on c.col for the entering c.q: a RatioResult, with c.r, c.leaveUp, c.theta
+// and c.alphaR set for a pivot (c.r -1 and c.theta for a bound flip).
+// Phase II: two-pass Harris.
+template <class T>
+int VRXprimalRatio2(Ctx<T>& c);
+// Phase I over the breakpoints of the infeasibility: passing them while the slope stays
+// negative (PW), or stopping at the first (1).
+template <class T>
+int VRXprimalRatioPW(Ctx<T>& c);
+template <class T>
+int VRXprimalRatio1(Ctx<T>& c);
+
+}  // namespace primal
+}  // namespace vrx
