@@ -591,25 +591,33 @@ struct Reader {
     return 0;
   }
 
-  int quadLine() {
+  // A quadratic term line: two column names and a value, in free or fixed form.
+  int termLine(int* i, int* j, double* v) {
     const char* a = nullptr;
     const char* b = nullptr;
-    double v = 0;
-    if (ntok == 3 && parseDouble(tok[2], &v)) {
+    if (ntok == 3 && parseDouble(tok[2], v)) {
       a = tok[0];
       b = tok[1];
     } else {
       char* f[6];
       fixedFields(f);
-      if (!f[1] || !f[2] || !parseDouble(f[3], &v)) return lineError();
+      if (!f[1] || !f[2] || !parseDouble(f[3], v)) return lineError();
       a = f[1];
       b = f[2];
     }
-    int i = findCol(a), j = findCol(b);
-    if (i < 0 || j < 0) {
+    *i = findCol(a);
+    *j = findCol(b);
+    if (*i < 0 || *j < 0) {
       log(env, "  variable name in the quadratic section not found\n");
       return lineError();
     }
+    return 0;
+  }
+
+  int quadLine() {
+    int i = 0, j = 0;
+    double v = 0;
+    if (int err = termLine(&i, &j, &v)) return err;
     if (std::fabs(v) < env->par.VORN_PAR_ZERO) {
       if (!warnedSmallQ) {
         log(env, "Warning: mps file contains small (< %g) quadratic objective coefficients, ignored\n",
@@ -681,24 +689,9 @@ struct Reader {
   }
 
   int qcLine() {
+    int i = 0, j = 0;
     double v = 0;
-    const char* a = nullptr;
-    const char* b = nullptr;
-    if (ntok == 3 && parseDouble(tok[2], &v)) {
-      a = tok[0];
-      b = tok[1];
-    } else {
-      char* f[6];
-      fixedFields(f);
-      if (!f[1] || !f[2] || !parseDouble(f[3], &v)) return lineError();
-      a = f[1];
-      b = f[2];
-    }
-    int i = findCol(a), j = findCol(b);
-    if (i < 0 || j < 0) {
-      log(env, "  variable name in the quadratic section not found\n");
-      return lineError();
-    }
+    if (int err = termLine(&i, &j, &v)) return err;
     if (std::fabs(v) < env->par.VORN_PAR_ZERO) return 0;
     qcTerms.push_back(QTerm{i, j, v});
     return 0;
