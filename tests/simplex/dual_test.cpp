@@ -1,5 +1,6 @@
 // The dual simplex: the public Netlib set against the reference optima, and small LPs with a
 // known answer for every way a solve can end.
+#include "../support/modeldef.h"
 #include "simplex/dual.h"
 
 #include <gtest/gtest.h>
@@ -50,35 +51,8 @@ struct Model {
   VRXenv* env() const { return VRXgetenv(model); }
 };
 
-struct ModelDef {
-  int objSense = 1;
-  std::vector<double> obj, lb, ub, rhs;
-  std::string sense;
-  std::vector<std::vector<std::pair<int, double>>> cols;
-};
-
 VRXmodel* load(VRXenv* env, const ModelDef& s) {
-  std::vector<int> beg, len, ind;
-  std::vector<double> val;
-  for (auto& c : s.cols) {
-    beg.push_back(static_cast<int>(ind.size()));
-    len.push_back(static_cast<int>(c.size()));
-    for (auto& e : c) {
-      ind.push_back(e.first);
-      val.push_back(e.second);
-    }
-  }
-  // Empty arrays still pass a pointer.
-  ind.push_back(0);
-  val.push_back(0);
-  std::vector<double> rhs = s.rhs;
-  rhs.push_back(0);
-  std::string sense = s.sense + "<";
-  VRXmodel* m = nullptr;
-  EXPECT_EQ(0, VRXloadmodel(env, &m, "t", static_cast<int>(s.cols.size()), static_cast<int>(s.rhs.size()),
-                            s.objSense, 0.0, s.obj.data(), sense.data(), rhs.data(), beg.data(),
-                            len.data(), ind.data(), val.data(), s.lb.data(), s.ub.data(), nullptr,
-                            nullptr, nullptr));
+  VRXmodel* m = loadModelDef(env, s);
   VRXsetintparam(VRXgetenv(m), "OutputFlag", 0);
   return m;
 }

@@ -1,4 +1,5 @@
 // The working LP record: solver form, scaling, automatic choices, row-wise copies, memory.
+#include "../support/modeldef.h"
 #include "simplex/lp.h"
 
 #include <gtest/gtest.h>
@@ -45,29 +46,8 @@ struct Model {
   }
 };
 
-struct ModelDef {
-  int objSense = 1;
-  std::vector<double> obj, lb, ub, rhs;
-  std::string sense;
-  std::vector<std::vector<std::pair<int, double>>> cols;
-};
-
 VRXmodel* load(VRXenv* env, const ModelDef& s) {
-  std::vector<int> beg, len, ind;
-  std::vector<double> val;
-  for (auto& c : s.cols) {
-    beg.push_back(static_cast<int>(ind.size()));
-    len.push_back(static_cast<int>(c.size()));
-    for (auto& e : c) {
-      ind.push_back(e.first);
-      val.push_back(e.second);
-    }
-  }
-  VRXmodel* m = nullptr;
-  EXPECT_EQ(0, VRXloadmodel(env, &m, "t", static_cast<int>(s.cols.size()), static_cast<int>(s.rhs.size()),
-                            s.objSense, 0.0, s.obj.data(), s.sense.data(), s.rhs.data(), beg.data(),
-                            len.data(), ind.data(), val.data(), s.lb.data(), s.ub.data(), nullptr,
-                            nullptr, nullptr));
+  VRXmodel* m = loadModelDef(env, s);
   return m;
 }
 

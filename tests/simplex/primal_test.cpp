@@ -3,6 +3,7 @@
 // infeasible starts), plus limits, the hand-over entry and memory.
 // Developer switches: VRX_PRIMAL_ONLY=name runs one model of the Netlib and MIPLIB loops,
 // VRX_PRIMAL_LOG prints the iteration log, VRX_PRIMAL_PRICING=k sets SimplexPricing.
+#include "../support/modeldef.h"
 #include "simplex/primal.h"
 
 #include <gtest/gtest.h>
@@ -37,34 +38,8 @@ struct Env {
   ~Env() { VRXfreeenv(env); }
 };
 
-struct ModelDef {
-  int objSense = 1;
-  std::vector<double> obj, lb, ub, rhs;
-  std::string sense;
-  std::vector<std::vector<std::pair<int, double>>> cols;
-};
-
 VRXmodel* load(VRXenv* env, const ModelDef& s) {
-  std::vector<int> beg, len, ind;
-  std::vector<double> val;
-  for (auto& c : s.cols) {
-    beg.push_back(static_cast<int>(ind.size()));
-    len.push_back(static_cast<int>(c.size()));
-    for (auto& e : c) {
-      ind.push_back(e.first);
-      val.push_back(e.second);
-    }
-  }
-  // Empty arrays still go in as valid pointers.
-  ind.push_back(0);
-  val.push_back(0.0);
-  std::vector<double> rhs = s.rhs;
-  rhs.push_back(0.0);
-  VRXmodel* m = nullptr;
-  EXPECT_EQ(0, VRXloadmodel(env, &m, "t", static_cast<int>(s.cols.size()), static_cast<int>(s.rhs.size()),
-                            s.objSense, 0.0, s.obj.data(), s.sense.c_str(), rhs.data(), beg.data(),
-                            len.data(), ind.data(), val.data(), s.lb.data(), s.ub.data(), nullptr,
-                            nullptr, nullptr));
+  VRXmodel* m = loadModelDef(env, s);
   return m;
 }
 
