@@ -323,6 +323,7 @@ VRX_API int VRXXloadmodel(VRXenv *env, VRXmodel **modelP, const char *Pname, int
                           char **varnames, char **constrnames);
 VRX_API int VRXfreemodel(VRXmodel *model);
 VRX_API VRXmodel *VRXcopymodel(VRXmodel *model);
+VRX_API VRXmodel *VRXpresolvemodel(VRXmodel *model);
 VRX_API int VRXgetvars(VRXmodel *model, int *numnzP, int *vbeg, int *vind, double *vval,
                        int start, int len);
 VRX_API int VRXXgetvars(VRXmodel *model, size_t *numnzP, size_t *vbeg, int *vind,

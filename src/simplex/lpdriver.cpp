@@ -8,6 +8,7 @@
 #include "model/modeldata.h"
 #include "model/pending.h"
 #include "model/result.h"
+#include "presolve/lpsolve.h"
 #include "simplex/lp.h"
 #include "simplex/primal.h"
 #include "simplex/simplex.h"
@@ -231,12 +232,59 @@ void closingLines(VRXmodel* model, const VRXresult* r, double seconds) {
   }
 }
 
+// A checked warm-start basis of the model's shape: the solve starts from it, not from presolve.
+bool hasWarmBasis(const VRXmodel* model) {
+  const auto* ws = static_cast<const VRXwarmstart*>(model->warmStart);
+  const VRXmodeldata* d = model->data;
+  return ws && ws->basisState == 2 && ws->basis && ws->size == d->numVars + d->numConstrs &&
+         ws->columnCount == d->numVars;
+}
+
+// Presolve, the solve of the presolved model, uncrush and the clean-up simplex. Returns
+// 0 with *done set when the model's results are published, or with *done clear when the
+// original is to be solved as it is.
+int presolvedRun(VRXmodel* model, int method, Clock& clock, bool* done) {
+  *done = false;
+  PresolvedSolve ps;
+  int err = lpPresolveSolve(model, method, clock, &ps);
+  if (err == VRX_ERROR_OUT_OF_MEMORY) log(model->env, "Out of memory\n");
+  if (err || !ps.handled) return err;
+  auto* lp = static_cast<VRXlp*>(model->lp);
+  if (!lp) {
+    // Presolve settled the model by itself.
+    model->status = ps.status;
+    VRXresult* r = resultCreate(model->env, model->data->numVars, model->data->numConstrs,
+                                model->data->numQConstrs);
+    if (!r) return VRX_ERROR_OUT_OF_MEMORY;
+    resultFree(model->env, model->result);
+    model->result = r;
+    r->iterCount = 0;
+    closingLines(model, r, clockElapsed(clock));
+    *done = true;
+    return 0;
+  }
+  int status = lp->status;
+  if (status == 2 && lp->cutoff < kInf && lp->dualObj > lp->cutoff) status = VRX_CUTOFF;
+  model->status = status;
+  err = publish(model, lp);
+  if (err) return err;
+  closingLines(model, model->result, clockElapsed(clock));
+  *done = true;
+  return 0;
+}
+
 }  // namespace
 
 int lpOptimize(VRXmodel* model, Clock& clock) {
   VRXenv* env = model->env;
   int method = env->par.Method;
   if (method < 0) method = 1;
+  // A kept record or a warm basis is the better start; otherwise presolve goes first.
+  if (env->par.Presolve != 0 && model->lp == nullptr && !hasWarmBasis(model)) {
+    bool done = false;
+    int err = presolvedRun(model, method, clock, &done);
+    if (err || done) return err;
+  }
   double work = 0;
   bool fresh = model->lp == nullptr;
   int err = VRXlpSetup(model, method, &work);

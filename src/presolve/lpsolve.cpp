@@ -1,0 +1,118 @@
+// The presolve part of the LP driver.
+#include "presolve/lpsolve.h"
+
+#include <cstring>
+
+#include "model/modeldata.h"
+#include "presolve/lpbridge.h"
+#include "presolve/presolve.h"
+#include "simplex/lp.h"
+
+namespace vrx {
+
+namespace {
+
+// Owns what one presolved solve allocates, freed on every path.
+struct Run {
+  VRXenv* env;
+  PresolveOut pre{0, nullptr, nullptr};
+  double* block = nullptr;
+  ~Run() {
+    if (pre.presolved) {
+      VRXlpFreeOnModel(pre.presolved);
+      modelDestroy(pre.presolved);
+    }
+    presolveMapFree(pre.map);
+    envFree(env, block);
+  }
+};
+
+}  // namespace
+
+int lpPresolveSolve(VRXmodel* model, int method, Clock& clock, PresolvedSolve* out) {
+  VRXenv* env = model->env;
+  const ParamStore& par = env->par;
+  out->handled = 0;
+  out->status = 0;
+  out->preIters = 0;
+  out->extraIters = 0;
+  if (par.Presolve == 0) return 0;
+  const VRXmodeldata* d = model->data;
+  const int n = d->numVars, m = d->numConstrs;
+
+  Run run{env};
+  const double t0 = wallClock();
+  int rc = presolveLP(model, &clock.work, 0, &run.pre);
+  if (rc) return rc;
+  log(env, "Presolve time: %.2fs\n", wallClock() - t0);
+  if (run.pre.status != 0) {
+    // A status from presolve is final, unless the caller wants a ray or a proof.
+    if (par.InfUnbdInfo) return 0;
+    out->handled = 1;
+    out->status = run.pre.status;
+    return 0;
+  }
+  VRXmodel* pre = run.pre.presolved;
+  const VRXmodeldata* pd = pre->data;
+  const int pn = pd->numVars, pm = pd->numConstrs;
+  log(env, "Presolved: %d rows, %d columns, %lu nonzeros\n", pm, pn, static_cast<unsigned long>(pd->numNZs));
+
+  // One block for the presolved point and the walked-back basis.
+  const size_t doubles = 2 * static_cast<size_t>(pn) + pm + 3;
+  const size_t ints = static_cast<size_t>(pn) + pm + n + m + 4;
+  run.block = static_cast<double*>(envMalloc(env, doubles * sizeof(double) + ints * sizeof(int)));
+  if (!run.block) return VRX_ERROR_OUT_OF_MEMORY;
+  double* px = run.block;
+  double* pdd = px + pn + 1;
+  double* py = pdd + pn + 1;
+  int* pcs = reinterpret_cast<int*>(py + pm + 1);
+  int* prs = pcs + pn + 1;
+  int* cs = prs + pm + 1;
+  int* rs = cs + n + 1;
+  LPPoint pp{px, py, pdd, pcs, prs};
+
+  if (pn == 0 && pm == 0) {
+    log(env, "Presolve: All rows and columns removed\n");
+  } else {
+    rc = VRXlpSetup(pre, method, &clock.work);
+    if (rc) return rc;
+    VRXlp* plp = static_cast<VRXlp*>(pre->lp);
+    rc = lpRunSimplex(plp, method, clock);
+    if (rc) return rc;
+    out->preIters = plp->iterCount;
+    rc = lpReadPoint(plp, pp);
+    if (rc) return rc;
+    VRXlpFreeOnModel(pre);
+  }
+  // The walk needs no duals for the basis, but asks for them to keep the statuses right.
+  LPPoint op{nullptr, nullptr, nullptr, cs, rs};
+  rc = uncrushLP(run.pre.map, pp, op);
+  if (rc) return rc;
+
+  // The clean-up simplex on the original, from the walked-back basis.
+  rc = VRXlpSetup(model, method, &clock.work);
+  if (rc) return rc;
+  VRXlp* lp = static_cast<VRXlp*>(model->lp);
+  rc = lpLoadBasis(lp, cs, rs);
+  if (rc) return rc;
+  lp->iterCount = 0;
+  lp->priorIter = out->preIters;
+  rc = lpRunSimplex(lp, method, clock);
+  if (rc == 100001 || rc == 100002) {
+    // The walked-back basis fell apart: the caller solves the original cold.
+    VRXlpFreeOnModel(model);
+    return 0;
+  }
+  if (rc) return rc;
+  out->extraIters = lp->iterCount;
+  if (lp->iterCount > 0) {
+    if (lp->iterCount <= 1)
+      log(env, "Extra one simplex iteration after uncrush\n");
+    else
+      log(env, "Extra %d simplex iterations after uncrush\n", static_cast<int>(lp->iterCount));
+  }
+  out->handled = 1;
+  return 0;
+}
+
+}  // namespace vrx

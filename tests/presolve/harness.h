@@ -1,0 +1,249 @@
+// Presolve, solve the presolved model, walk back, and measure the point on the
+// original model: the pieces the presolve tests share.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "env/clock.h"
+#include "model/model.h"
+#include "model/modeldata.h"
+#include "presolve/lpbridge.h"
+#include "presolve/presolve.h"
+#include "presolve/undo.h"
+#include "simplex/lp.h"
+#include "vornix_c.h"
+
+namespace pretest {
+
+struct Env {
+  VRXenv* env = nullptr;
+  Env() {
+    EXPECT_EQ(0, VRXloadenv(&env, nullptr));
+    VRXsetintparam(env, "OutputFlag", 0);
+  }
+  ~Env() { VRXfreeenv(env); }
+};
+
+// A small LP given column by column; rows in the caller's senses.
+struct Def {
+  int objSense = 1;
+  std::vector<double> obj, lb, ub, rhs;
+  std::string sense;
+  std::vector<std::vector<std::pair<int, double>>> cols;
+};
+
+inline VRXmodel* load(VRXenv* env, const Def& s) {
+  std::vector<int> beg, len, ind;
+  std::vector<double> val;
+  for (auto& c : s.cols) {
+    beg.push_back(static_cast<int>(ind.size()));
+    len.push_back(static_cast<int>(c.size()));
+    for (auto& e : c) {
+      ind.push_back(e.first);
+      val.push_back(e.second);
+    }
+  }
+  ind.push_back(0);
+  val.push_back(0);
+  std::vector<double> rhs = s.rhs;
+  rhs.push_back(0);
+  std::string sense = s.sense + "<";
+  std::vector<double> obj = s.obj, lb = s.lb, ub = s.ub;
+  obj.push_back(0);
+  lb.push_back(0);
+  ub.push_back(0);
+  VRXmodel* m = nullptr;
+  EXPECT_EQ(0, VRXloadmodel(env, &m, "t", static_cast<int>(s.cols.size()), static_cast<int>(s.rhs.size()),
+                            s.objSense, 0.0, obj.data(), sense.data(), rhs.data(), beg.data(), len.data(),
+                            ind.data(), val.data(), lb.data(), ub.data(), nullptr, nullptr, nullptr));
+  if (m) VRXsetintparam(VRXgetenv(m), "OutputFlag", 0);
+  return m;
+}
+
+// The point after the walk, with what it cost.
+struct Result {
+  int presolveStatus = -1;  // 0 reduced, 3, 4, 5
+  int status = -1;          // of the presolved solve (2 optimal)
+  int preRows = 0, preCols = 0;
+  int64_t preNz = 0;
+  double obj = 0;  // caller's sense, from the walked-back x
+  std::vector<double> x, y, d;
+  std::vector<int> cs, rs;
+  double preIters = 0;
+  double cleanupIters = -1;
+  int cleanupStatus = -1;
+  double cleanupObj = 0;
+  double presolveSecs = 0, totalSecs = 0;
+  std::vector<int> kinds;  // undo records, newest first
+};
+
+inline double now() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// Solves a model's store from a given basis (or from the slack basis) with the
+// dual simplex; returns the status, iterations and objective in the caller's sense.
+inline int solveStore(VRXmodel* m, const int* cs, const int* rs, double* iters, double* obj, vrx::LPPoint* pt) {
+  double work = 0;
+  VRXlpSetupOpts opts;
+  opts.modelKind = VRX_LPKIND_LP;
+  if (VRXlpSetup(m, 1, &work, &opts)) return -1;
+  VRXlp* lp = static_cast<VRXlp*>(m->lp);
+  if (cs && vrx::lpLoadBasis(lp, cs, rs)) return -1;
+  vrx::Clock clock = vrx::clockStart();
+  if (vrx::lpRunSimplex(lp, 1, clock)) return -1;
+  *iters = lp->iterCount;
+  *obj = lp->sense * lp->dualObj;
+  if (pt) vrx::lpReadPoint(lp, *pt);
+  const int st = lp->status;
+  VRXlpFreeOnModel(m);
+  return st;
+}
+
+// Presolve, solve, walk back; with cleanup the original is re-solved from the
+// walked-back basis.
+inline Result run(VRXmodel* model, bool cleanup) {
+  Result r;
+  VRXenv* env = model->env;
+  const VRXmodeldata* d = model->data;
+  const int n = d->numVars, m = d->numConstrs;
+  double work = 0;
+  vrx::PresolveOut out;
+  const double t0 = now();
+  EXPECT_EQ(0, vrx::presolveLP(model, &work, 0, &out));
+  r.presolveSecs = now() - t0;
+  r.presolveStatus = out.status;
+  if (out.status != 0) {
+    r.totalSecs = now() - t0;
+    return r;
+  }
+  for (const VRXundo* u = out.map->undo.head; u; u = u->next) r.kinds.push_back(u->kind);
+  VRXmodel* pre = out.presolved;
+  const VRXmodeldata* pd = pre->data;
+  r.preRows = pd->numConstrs;
+  r.preCols = pd->numVars;
+  r.preNz = pd->numNZs;
+  std::vector<double> px(pd->numVars + 1), py(pd->numConstrs + 1), pdd(pd->numVars + 1);
+  std::vector<int> pcs(pd->numVars + 1), prs(pd->numConstrs + 1);
+  vrx::LPPoint pp{px.data(), py.data(), pdd.data(), pcs.data(), prs.data()};
+  if (pd->numVars > 0 || pd->numConstrs > 0) {
+    double pobj = 0;
+    r.status = solveStore(pre, nullptr, nullptr, &r.preIters, &pobj, &pp);
+  } else {
+    r.status = 2;
+  }
+  r.x.assign(n, 0);
+  r.y.assign(m, 0);
+  r.d.assign(n, 0);
+  r.cs.assign(n, 0);
+  r.rs.assign(m, 0);
+  if (r.status == 2) {
+    vrx::LPPoint op{r.x.data(), r.y.data(), r.d.data(), r.cs.data(), r.rs.data()};
+    EXPECT_EQ(0, vrx::uncrushLP(out.map, pp, op));
+    double o = d->objCon;
+    for (int j = 0; j < n; ++j) o += d->obj[j] * r.x[j];
+    r.obj = d->modelSense * o;
+  }
+  (void)env;
+  vrx::modelDestroy(pre);
+  vrx::presolveMapFree(out.map);
+  if (cleanup && r.status == 2) {
+    r.cleanupStatus = solveStore(model, r.cs.data(), r.rs.data(), &r.cleanupIters, &r.cleanupObj, nullptr);
+  }
+  r.totalSecs = now() - t0;
+  return r;
+}
+
+// How far a point is from optimal on the original model.
+struct Quality {
+  double primal = 0;     // rows and bounds, relative to 1 + |rhs| or |bound|
+  double dual = 0;       // signs of y and d against the position of rows and columns
+  double identity = 0;   // d - (c - A'y), relative to 1 + |c| + sum |a y|
+  int basics = 0;        // basic columns and rows
+  int rows = 0;
+};
+
+inline Quality measure(const VRXmodeldata* d, const Result& r) {
+  Quality q;
+  const int n = d->numVars, m = d->numConstrs;
+  q.rows = m;
+  std::vector<double> act(m, 0.0), ay(n, 0.0), ayAbs(n, 0.0);
+  for (int j = 0; j < n; ++j)
+    for (int64_t k = d->colBeg[j]; k < d->colBeg[j] + d->colLen[j]; ++k) {
+      act[d->rowInd[k]] += d->val[k] * r.x[j];
+      ay[j] += d->val[k] * r.y[d->rowInd[k]];
+      ayAbs[j] += std::fabs(d->val[k] * r.y[d->rowInd[k]]);
+    }
+  for (int i = 0; i < m; ++i) {
+    const double b = d->rhs[i], s = 1 + std::fabs(b);
+    const char sn = d->sense[i];
+    double v = 0;
+    if (sn == '<') v = act[i] - b;
+    if (sn == '>') v = b - act[i];
+    if (sn == '=') v = std::fabs(act[i] - b);
+    q.primal = std::max(q.primal, v / s);
+    // Min form: a '<' row has y <= 0, a '>' row y >= 0; an inactive row has y = 0.
+    const double slackGap = std::fabs(act[i] - b) / s;
+    double dv = 0;
+    if (sn == '<') dv = std::max(0.0, r.y[i]);
+    if (sn == '>') dv = std::max(0.0, -r.y[i]);
+    if (sn != '=' && slackGap > 1e-6) dv = std::max(dv, std::fabs(r.y[i]));
+    q.dual = std::max(q.dual, dv);
+    if (r.rs[i] == vrx::kRowBasic) q.basics++;
+  }
+  for (int j = 0; j < n; ++j) {
+    const double lo = d->lb[j], up = d->ub[j], x = r.x[j];
+    if (lo > -1e30) q.primal = std::max(q.primal, (lo - x) / (1 + std::fabs(lo)));
+    if (up < 1e30) q.primal = std::max(q.primal, (x - up) / (1 + std::fabs(up)));
+    const bool atLo = lo > -1e30 && x <= lo + 1e-7 * (1 + std::fabs(lo));
+    const bool atUp = up < 1e30 && x >= up - 1e-7 * (1 + std::fabs(up));
+    const double dj = r.d[j];
+    double dv = 0;
+    if (atLo && atUp)
+      dv = 0;
+    else if (atLo)
+      dv = std::max(0.0, -dj);
+    else if (atUp)
+      dv = std::max(0.0, dj);
+    else
+      dv = std::fabs(dj);
+    q.dual = std::max(q.dual, dv / (1 + std::fabs(d->obj[j])));
+    q.identity = std::max(q.identity, std::fabs(dj - (d->obj[j] - ay[j])) / (1 + std::fabs(d->obj[j]) + ayAbs[j]));
+    if (r.cs[j] == vrx::kStBasic) q.basics++;
+  }
+  return q;
+}
+
+inline std::map<std::string, double> reference(const std::string& set) {
+  std::map<std::string, double> ref;
+  std::ifstream in(std::string(VRX_SHARED_DATA) + "/reference.csv");
+  std::string line;
+  std::getline(in, line);
+  while (std::getline(in, line)) {
+    std::stringstream ss(line);
+    std::string name, s, rows, cols, obj;
+    std::getline(ss, name, ',');
+    std::getline(ss, s, ',');
+    std::getline(ss, rows, ',');
+    std::getline(ss, cols, ',');
+    std::getline(ss, obj, ',');
+    if (s == set) ref[name] = std::atof(obj.c_str());
+  }
+  return ref;
+}
+
+inline bool closeTo(double a, double b, double rel = 1e-6) {
+  return std::fabs(a - b) <= rel * std::max(1.0, std::fabs(b));
+}
+
+}  // namespace pretest
