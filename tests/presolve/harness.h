@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "../support/modeldef.h"
 #include "env/clock.h"
 #include "model/model.h"
 #include "model/modeldata.h"
@@ -35,37 +36,10 @@ struct Env {
 };
 
 // A small LP given column by column; rows in the caller's senses.
-struct Def {
-  int objSense = 1;
-  std::vector<double> obj, lb, ub, rhs;
-  std::string sense;
-  std::vector<std::vector<std::pair<int, double>>> cols;
-};
+using Def = ModelDef;
 
 inline VRXmodel* load(VRXenv* env, const Def& s) {
-  std::vector<int> beg, len, ind;
-  std::vector<double> val;
-  for (auto& c : s.cols) {
-    beg.push_back(static_cast<int>(ind.size()));
-    len.push_back(static_cast<int>(c.size()));
-    for (auto& e : c) {
-      ind.push_back(e.first);
-      val.push_back(e.second);
-    }
-  }
-  ind.push_back(0);
-  val.push_back(0);
-  std::vector<double> rhs = s.rhs;
-  rhs.push_back(0);
-  std::string sense = s.sense + "<";
-  std::vector<double> obj = s.obj, lb = s.lb, ub = s.ub;
-  obj.push_back(0);
-  lb.push_back(0);
-  ub.push_back(0);
-  VRXmodel* m = nullptr;
-  EXPECT_EQ(0, VRXloadmodel(env, &m, "t", static_cast<int>(s.cols.size()), static_cast<int>(s.rhs.size()),
-                            s.objSense, 0.0, obj.data(), sense.data(), rhs.data(), beg.data(), len.data(),
-                            ind.data(), val.data(), lb.data(), ub.data(), nullptr, nullptr, nullptr));
+  VRXmodel* m = loadModelDef(env, s);
   if (m) VRXsetintparam(VRXgetenv(m), "OutputFlag", 0);
   return m;
 }
