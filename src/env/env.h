@@ -121,6 +121,11 @@ void* envCalloc(VRXenv* env, size_t count, size_t size);
 void* envRealloc(VRXenv* env, void* block, size_t size);
 void envFree(VRXenv* env, void* block);
 char* envStrdup(VRXenv* env, const char* text);  // null for a null text
+// Frees every block given, in order; null blocks are skipped.
+template <class... P>
+void envFreeAll(VRXenv* env, P*... blocks) {
+  (envFree(env, static_cast<void*>(blocks)), ...);
+}
 
 // Typed helpers; they return null on failure like the C forms.
 template <class T>

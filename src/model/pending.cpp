@@ -52,36 +52,18 @@ void clearConstrs(VRXenv* env, PendingConstrs* b) {
 void freeVars(VRXenv* env, PendingVars* b) {
   if (!b) return;
   clearVars(env, b);
-  envFree(env, b->beg);
-  envFree(env, b->ind);
-  envFree(env, b->val);
-  envFree(env, b->obj);
-  envFree(env, b->lb);
-  envFree(env, b->ub);
-  envFree(env, b->vtype);
-  envFree(env, b->names);
-  envFree(env, b);
+  envFreeAll(env, b->beg, b->ind, b->val, b->obj, b->lb, b->ub, b->vtype, b->names, b);
 }
 
 void freeConstrs(VRXenv* env, PendingConstrs* b) {
   if (!b) return;
   clearConstrs(env, b);
-  envFree(env, b->beg);
-  envFree(env, b->ind);
-  envFree(env, b->val);
-  envFree(env, b->sense);
-  envFree(env, b->rhs);
-  envFree(env, b->range);
-  envFree(env, b->names);
-  envFree(env, b);
+  envFreeAll(env, b->beg, b->ind, b->val, b->sense, b->rhs, b->range, b->names, b);
 }
 
 void freeTriplets(VRXenv* env, TripletList* t) {
   if (!t) return;
-  envFree(env, t->row);
-  envFree(env, t->col);
-  envFree(env, t->val);
-  envFree(env, t);
+  envFreeAll(env, t->row, t->col, t->val, t);
 }
 
 void clearSos(VRXenv* env, SosChanges* s) {
@@ -95,11 +77,7 @@ void clearSos(VRXenv* env, SosChanges* s) {
 void freeSos(VRXenv* env, SosChanges* s) {
   if (!s) return;
   clearSos(env, s);
-  envFree(env, s->type);
-  envFree(env, s->beg);
-  envFree(env, s->ind);
-  envFree(env, s->weight);
-  envFree(env, s);
+  envFreeAll(env, s->type, s->beg, s->ind, s->weight, s);
 }
 
 void clearGen(VRXenv* env, GenChanges* g) {
@@ -129,32 +107,18 @@ void clearQC(VRXenv* env, QCChanges* q) {
 void freeQC(VRXenv* env, QCChanges* q) {
   if (!q) return;
   clearQC(env, q);
-  envFree(env, q->linBeg);
-  envFree(env, q->linInd);
-  envFree(env, q->linVal);
-  envFree(env, q->quadBeg);
-  envFree(env, q->qRow);
-  envFree(env, q->qCol);
-  envFree(env, q->qVal);
-  envFree(env, q->sense);
-  envFree(env, q->rhs);
-  envFree(env, q->names);
-  envFree(env, q);
+  envFreeAll(env, q->linBeg, q->linInd, q->linVal, q->quadBeg, q->qRow, q->qCol, q->qVal, q->sense,
+             q->rhs, q->names, q);
 }
 
 void freeCones(VRXenv* env, ConeChanges* c) {
   if (!c) return;
-  envFree(env, c->beg);
-  envFree(env, c->ind);
-  envFree(env, c);
+  envFreeAll(env, c->beg, c->ind, c);
 }
 
 void freeBounds(VRXenv* env, BoundChanges* b) {
   if (!b) return;
-  envFree(env, b->index);
-  envFree(env, b->kind);
-  envFree(env, b->value);
-  envFree(env, b);
+  envFreeAll(env, b->index, b->kind, b->value, b);
 }
 
 void clearEdits(VRXenv* env, ItemEdits* e) {
@@ -166,21 +130,12 @@ void clearEdits(VRXenv* env, ItemEdits* e) {
 void freeEdits(VRXenv* env, ItemEdits* e) {
   if (!e) return;
   clearEdits(env, e);
-  envFree(env, e->index);
-  envFree(env, e->kind);
-  envFree(env, e->sense);
-  envFree(env, e->name);
-  envFree(env, e);
+  envFreeAll(env, e->index, e->kind, e->sense, e->name, e);
 }
 
 void freePwl(VRXenv* env, PwlChanges* w) {
   if (!w) return;
-  envFree(env, w->var);
-  envFree(env, w->beg);
-  envFree(env, w->npoints);
-  envFree(env, w->x);
-  envFree(env, w->y);
-  envFree(env, w);
+  envFreeAll(env, w->var, w->beg, w->npoints, w->x, w->y, w);
 }
 
 // Names staged by attribute writes are owned while their mark is set.
@@ -445,20 +400,9 @@ void pendingFree(VRXenv* env, VRXpending* p) {
   freeBounds(env, p->boundChanges);
   freeEdits(env, p->itemEdits);
   freePwl(env, p->pwlChanges);
-  envFree(env, p->rowMark);
-  envFree(env, p->colMark);
-  envFree(env, p->newObj);
-  envFree(env, p->newVType);
-  envFree(env, p->newRHS);
-  envFree(env, p->newConstrSense);
-  envFree(env, p->newLazy);
-  envFree(env, p->newVarName);
-  envFree(env, p->newConstrName);
-  envFree(env, p->newPriority);
-  envFree(env, p->newHintPriority);
-  envFree(env, p->newPartition);
-  envFree(env, p->newHintValue);
-  envFree(env, p);
+  envFreeAll(env, p->rowMark, p->colMark, p->newObj, p->newVType, p->newRHS, p->newConstrSense,
+             p->newLazy, p->newVarName, p->newConstrName, p->newPriority, p->newHintPriority,
+             p->newPartition, p->newHintValue, p);
 }
 
 int pendingOpen(VRXmodel* model, VRXpending** out) {
