@@ -94,7 +94,7 @@ int run(VRXmodel* model, Clock& clock) {
     return raise(env, VRX_ERROR_NOT_SUPPORTED, true,
                  "Quadratic models cannot be solved by this build");
   int method = env->par.Method;
-  if (method == 2 || method == 3 || method == 4 || method == 5)
+  if (method == 3 || method == 4 || method == 5)
     return raise(env, VRX_ERROR_NOT_SUPPORTED, true,
                  "Method %d is not available in this build", method);
   return lpOptimize(model, clock);

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "barrier/barrier.h"
 #include "model/callback.h"
 #include "model/modeldata.h"
 #include "model/pending.h"
@@ -83,8 +84,10 @@ int spxRun(VRXlp* lp, int method, Clock& clock) {
   return 0;
 }
 
+}  // namespace
+
 // The solution of the record in true units and the caller's terms, into a fresh result.
-int publish(VRXmodel* model, VRXlp* lp) {
+int lpPublish(VRXmodel* model, VRXlp* lp) {
   VRXenv* env = model->env;
   const VRXmodeldata* d = model->data;
   const int n = lp->n, m = lp->m;
@@ -210,7 +213,7 @@ int publish(VRXmodel* model, VRXlp* lp) {
   return err;
 }
 
-void closingLines(VRXmodel* model, const VRXresult* r, double seconds) {
+void lpClosingLines(VRXmodel* model, const VRXresult* r, double seconds) {
   VRXenv* env = model->env;
   int status = model->status;
   double iters = r ? r->iterCount : 0;
@@ -231,6 +234,8 @@ void closingLines(VRXmodel* model, const VRXresult* r, double seconds) {
     default: break;
   }
 }
+
+namespace {
 
 // A checked warm-start basis of the model's shape: the solve starts from it, not from presolve.
 bool hasWarmBasis(const VRXmodel* model) {
@@ -259,16 +264,16 @@ int presolvedRun(VRXmodel* model, int method, Clock& clock, bool* done) {
     resultFree(model->env, model->result);
     model->result = r;
     r->iterCount = 0;
-    closingLines(model, r, clockElapsed(clock));
+    lpClosingLines(model, r, clockElapsed(clock));
     *done = true;
     return 0;
   }
   int status = lp->status;
   if (status == 2 && lp->cutoff < kInf && lp->dualObj > lp->cutoff) status = VRX_CUTOFF;
   model->status = status;
-  err = publish(model, lp);
+  err = lpPublish(model, lp);
   if (err) return err;
-  closingLines(model, model->result, clockElapsed(clock));
+  lpClosingLines(model, model->result, clockElapsed(clock));
   *done = true;
   return 0;
 }
@@ -279,6 +284,7 @@ int lpOptimize(VRXmodel* model, Clock& clock) {
   VRXenv* env = model->env;
   int method = env->par.Method;
   if (method < 0) method = 1;
+  if (method == 2) return barOptimize(model, clock);
   // A kept record or a warm basis is the better start; otherwise presolve goes first.
   if (env->par.Presolve != 0 && model->lp == nullptr && !hasWarmBasis(model)) {
     bool done = false;
@@ -314,9 +320,9 @@ int lpOptimize(VRXmodel* model, Clock& clock) {
   int status = lp->status;
   if (status == 2 && lp->cutoff < kInf && lp->dualObj > lp->cutoff) status = VRX_CUTOFF;
   model->status = status;
-  err = publish(model, lp);
+  err = lpPublish(model, lp);
   if (err) return err;
-  closingLines(model, model->result, clockElapsed(clock));
+  lpClosingLines(model, model->result, clockElapsed(clock));
   return 0;
 }
 
