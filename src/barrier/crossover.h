@@ -7,8 +7,17 @@
 
 // Builds a basis for `model` from the barrier solution `sol` (in the terms of
 // `model`, see barsol.h), pushes the interior values to bounds and runs the
-// clean-up simplex. On return 0, model->lp holds the solved record of `model`
-// (as after a simplex run: basis, values, lp->status), ready to be read or
-// published. mode 2 or more makes the first pushes primal under Crossover -1.
-// Returns 0 or an error.
-int VRXcrossover(VRXmodel* model, const VRXbarsol* sol, int mode, vrx::Clock& clock);
+// clean-up simplex. On return 0 with model->lp set, model->lp holds the solved
+// record of `model` (as after a simplex run: basis, values, lp->status) and
+// model->status is lp->status, ready to be published. lp->priorIter holds the push
+// moves and lp->iterCount the clean-up iterations; the barrier's iterations are not in
+// them (the log lines count on from them while crossover runs). mode 2 or more makes the
+// first pushes primal under Crossover -1. root chooses the header line of the log.
+//
+// Cases that do no work return 0 and leave model->lp null and model->status as it
+// was: a model status of 6, 9 or 11 on entry, and no barrier result (sol null) with
+// a status other than 12. With no result and status 12, or a barrier objective gap
+// above half the objective, the dual simplex solves the model instead.
+// Returns 0 or an error (10001: out of memory, model->status 10001).
+int VRXcrossover(VRXmodel* model, const VRXbarsol* sol, int mode, vrx::Clock& clock,
+                 bool root = true);

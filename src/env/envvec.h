@@ -10,6 +10,19 @@
 
 namespace vrx {
 
+// A scratch array on the environment's allocator, freed on every path out of the
+// scope; `a` is null when the allocation failed.
+template <class T>
+struct Scratch {
+  VRXenv* env;
+  T* a;
+  Scratch(VRXenv* e, size_t n) : env(e), a(static_cast<T*>(envMalloc(e, (n ? n : 1) * sizeof(T)))) {}
+  ~Scratch() { envFree(env, a); }
+  Scratch(const Scratch&) = delete;
+  Scratch& operator=(const Scratch&) = delete;
+  T& operator[](size_t i) { return a[i]; }
+};
+
 template <class T>
 class EnvVec {
   static_assert(std::is_trivially_copyable<T>::value, "plain data only");

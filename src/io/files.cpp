@@ -286,14 +286,20 @@ int writeModelFile(VRXmodel* model, const char* filename) {
     if (kind == 13) return raise(env, VRX_ERROR_NOT_SUPPORTED, true, "Unsupported operation");
     return raise(env, VRX_ERROR_FILE_WRITE, true, "Unknown file type for file '%s'", filename);
   }
-  int err = 0;
+  int err = pendingActive(model) ? modelUpdate(model) : 0;
+  if (err) return err;
   Stream* s = streamOpen(env, filename, 'w', &err);
   if (!s) {
     if (err == VRX_ERROR_OUT_OF_MEMORY) return err;
     return raise(env, VRX_ERROR_FILE_WRITE, true, "Unable to open file '%s' for output", filename);
   }
-  err = mpsWrite(env, model, s);
+  try {
+    err = mpsWrite(env, model, s, kind == 2);
+  } catch (const std::bad_alloc&) {
+    err = VRX_ERROR_OUT_OF_MEMORY;
+  }
   int closeErr = streamClose(s);
+  if (err || closeErr) std::remove(filename);
   if (err == VRX_ERROR_OUT_OF_MEMORY) return err;
   if (err || closeErr) return raise(env, VRX_ERROR_FILE_WRITE, true, "Failed to write '%s'", filename);
   return 0;

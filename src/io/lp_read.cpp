@@ -1388,6 +1388,9 @@ int build(VRXenv* env, Reader& rd, VRXmodel** out) {
 
   const int ns = static_cast<int>(rd.sosType.size());
   rd.sosBeg.push_back(static_cast<int>(rd.sosVar.size()));
+  // Sets without members still hand the load real member arrays.
+  rd.sosVar.reserve(1);
+  rd.sosWeight.reserve(1);
 
   LoadArgs a;
   a.name = rd.modelName >= 0 ? rd.arena.data() + rd.modelName : "";

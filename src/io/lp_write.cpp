@@ -176,6 +176,28 @@ bool lpNumberLike(const char* t) {
   return end && *end == '\0' && end != t;
 }
 
+// A name the reader would split, take for a symbol or keyword, or read as
+// the objective constant or a piecewise-linear term.
+bool lpNameUnsafe(const char* s, bool variable, bool numbersBreak) {
+  if (!s || !*s) return false;  // written by its default name
+  for (const char* p = s; *p; ++p)
+    if (*p == ' ' || *p == '\t' || *p == '\r' || *p == '\n' || *p == ':' || *p == '^' || *p == '\\')
+      return true;
+  static const char* const kSymbols[] = {"<", "<=", "=<", ">", ">=", "=>", "=", "==", "[", "]", "->",
+                                         "*", "/", "/2", "+", "-", "(", ")", ","};
+  for (const char* sym : kSymbols)
+    if (std::strcmp(s, sym) == 0) return true;
+  if (strncasecmp(s, "__pwl(", 6) == 0) return true;
+  if (std::strncmp(s, "Constant", 8) == 0) {
+    const char* p = s + 8;
+    while (*p >= '0' && *p <= '9') ++p;
+    if (*p == '\0') return true;
+  }
+  // A list of names may put a variable at the start of a line, and an
+  // operand of MIN or MAX that reads as a number is a constant.
+  return variable && (lpKeywordWord(s) || (numbersBreak && lpNumberLike(s)));
+}
+
 bool lpHasIIS(const VRXmodel* model) {
   const VRXresult* r = model->result;
   return r && r->iisMinimal >= 0 && r->iisConstr && r->iisLB && r->iisUB;
@@ -197,7 +219,22 @@ int lpWrite(VRXmodel* model, Stream* s, const char* filename) {
       return raise(env, VRX_ERROR_DATA_NOT_AVAILABLE, true, "No IIS available for current model");
     w.iis = model->result;
   }
-  if (!w.rlp && nameCheck(env, d)) log(env, "Warning: to let Vornix read it back, use rlp format\n");
+  if (!w.rlp) {
+    bool unsafe = nameCheck(env, d);
+    bool minMax = false;
+    for (int g = 0; g < d->numGenConstrs; ++g)
+      minMax = minMax || d->genConstrs[g].type == VRX_GENCONSTR_MAX || d->genConstrs[g].type == VRX_GENCONSTR_MIN;
+    for (int j = 0; j < n && !unsafe && d->varName; ++j) unsafe = lpNameUnsafe(d->varName[j], true, minMax);
+    for (int i = 0; i < m && !unsafe && d->constrName; ++i) unsafe = lpNameUnsafe(d->constrName[i], false, false);
+    for (int q = 0; q < d->numQConstrs && !unsafe && d->qcName; ++q)
+      unsafe = lpNameUnsafe(d->qcName[q], false, false);
+    for (int g = 0; g < d->numGenConstrs && !unsafe; ++g)
+      unsafe = lpNameUnsafe(d->genConstrs[g].name, false, false);
+    const VRXobjlist* ol = model->objList;
+    for (int k = 0; ol && ol->count > 1 && k < ol->count && !unsafe; ++k)
+      unsafe = lpNameUnsafe(ol->items[k].name, false, false);
+    if (unsafe) log(env, "Warning: to let Vornix read it back, use rlp format\n");
+  }
 
   const VRXresult* iis = w.iis;
   const double sense = d->modelSense < 0 ? -1.0 : 1.0;
@@ -270,7 +307,7 @@ int lpWrite(VRXmodel* model, Stream* s, const char* filename) {
     w.line("%s %s\n", sense < 0 ? "Maximize" : "Minimize", "_multi-objectives");
     for (int k = 0; k < objs->count && !w.err; ++k) {
       const VRXobjective& o = objs->items[k];
-      if (o.name && o.name[0])
+      if (o.name && o.name[0] && !(w.rlp && lpNameUnsafe(o.name, false, false)))
         w.line("  %s: ", o.name);
       else
         w.line("  OBJ%d: ", k);

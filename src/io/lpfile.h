@@ -24,5 +24,8 @@ bool lpHasIIS(const VRXmodel* model);
 bool lpKeywordWord(const char* word);
 // True when the reader would take the token as a number (or an infinity).
 bool lpNumberLike(const char* token);
+// True when a name cannot stand in an .lp file as it is; numbersBreak for
+// variables when a MIN or MAX constraint could take them for constants.
+bool lpNameUnsafe(const char* name, bool variable, bool numbersBreak);
 
 }  // namespace vrx

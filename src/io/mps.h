@@ -99,6 +99,8 @@ int mpsRead(VRXenv* env, Stream* s, const char* filename, MpsData* out);
 struct VRXmodel;
 
 namespace vrx {
-// Writes the model's committed store; 0 or the stream's error code.
-int mpsWrite(VRXenv* env, const VRXmodel* model, Stream* s);
+// Writes the model's committed store; 0 or the stream's error code. With
+// rewrite (the .rew form) every row, column, quadratic and general
+// constraint gets its default name: R%d, C%d, QC%d, GC%d.
+int mpsWrite(VRXenv* env, const VRXmodel* model, Stream* s, bool rewrite);
 }  // namespace vrx

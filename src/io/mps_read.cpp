@@ -40,6 +40,7 @@ constexpr int kObjRow = -2;
 constexpr int kDroppedRow = -3;
 constexpr int kMaxTokens = 8;
 constexpr int kLineMax = 1 << 20;
+constexpr size_t kShownMax = 256;
 
 enum BoundType { bLO, bUP, bFX, bFR, bMI, bPL, bBV, bLI, bUI, bSC, bSI, bCount };
 const char* const kBoundNames[bCount] = {"LO", "UP", "FX", "FR", "MI", "PL",
@@ -47,11 +48,23 @@ const char* const kBoundNames[bCount] = {"LO", "UP", "FX", "FR", "MI", "PL",
 
 bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
+// Numbers beyond the system's infinity, overflows included, read as +-1e100,
+// as in LP files; NaN and hexadecimal texts are no numbers.
+bool clipped(double* v) {
+  if (*v > kInf) *v = kInf;
+  if (*v < -kInf) *v = -kInf;
+  return true;
+}
+
 bool parseDouble(const char* t, double* v) {
   if (!t || !*t) return false;
+  // Decimal forms only: no hexadecimal.
+  const char* digits = (*t == '+' || *t == '-') ? t + 1 : t;
+  if (digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X')) return false;
   char* end = nullptr;
   *v = std::strtod(t, &end);
-  if (end && *end == '\0' && end != t) return true;
+  if (std::isnan(*v)) return false;
+  if (end && *end == '\0' && end != t) return clipped(v);
   // Fortran exponents: 1.5D+03
   char buf[128];
   size_t n = std::strlen(t);
@@ -65,7 +78,7 @@ bool parseDouble(const char* t, double* v) {
     }
   if (!changed) return false;
   *v = std::strtod(buf, &end);
-  return end && *end == '\0' && end != buf;
+  return end && *end == '\0' && end != buf && !std::isnan(*v) && clipped(v);
 }
 
 struct Triplet {
@@ -177,12 +190,14 @@ struct Reader {
   bool reentered = false;
   int curCol = -1;
   int oldSosSet = -1;
+  int oldSosCount = 0;  // members of the open old-form set
+  EnvVec<unsigned char> qcRowSeen;  // per row: it has a QCMATRIX block
 
   explicit Reader(VRXenv* e)
       : env(e), arena(e), rowName(e), colName(e), sense(e), rhs(e), range(e), rhsSeen(e),
         rangeSeen(e), obj(e), lb(e), ub(e), vtype(e), boundSeen(e), trip(e), quad(e),
         sosType(e), sosMem(e), rowLazy(e), lazyValues(e), objRows(e), objTrip(e), qcs(e),
-        qcTerms(e), inds(e), gens(e), genVars(e), pwl(e), pwlClosed(e) {}
+        qcTerms(e), inds(e), gens(e), genVars(e), pwl(e), pwlClosed(e), qcRowSeen(e) {}
   ~Reader() {
     nameIndexFree(env, rowIdx);
     nameIndexFree(env, colIdx);
@@ -203,8 +218,13 @@ struct Reader {
   int numRows() const { return static_cast<int>(sense.size()); }
   int numCols() const { return static_cast<int>(obj.size()); }
 
+  // The line as messages show it: a very long line is cut short.
+  const char* shown() {
+    if (std::strlen(text) > kShownMax) std::memcpy(text + kShownMax - 3, "...", 4);
+    return text;
+  }
   int lineError() {
-    log(env, "Error at line %d:\n%s\n", lineNo, text);
+    log(env, "Error at line %d:\n%s\n", lineNo, shown());
     return raise(env, VRX_ERROR_FILE_READ, true, "MPS read error at line %d:\n%s\n", lineNo, text);
   }
   // A failure with its own log line and stored text.
@@ -266,11 +286,7 @@ struct Reader {
     ub.push_back(kInf);
     vtype.push_back(inInt ? 'I' : 'C');
     boundSeen.push_back(0);
-    if (inSos && oldSosSet >= 0) {
-      int pos = 0;
-      for (size_t k = 0; k < sosMem.size(); ++k) pos += sosMem[k].set == oldSosSet;
-      sosMem.push_back(SosMember{oldSosSet, j, static_cast<double>(pos + 1)});
-    }
+    if (inSos && oldSosSet >= 0) sosMem.push_back(SosMember{oldSosSet, j, static_cast<double>(++oldSosCount)});
     return j;
   }
 
@@ -393,6 +409,7 @@ struct Reader {
       inSos = true;
       int type = (tok[0][0] == 'S' && tok[0][1] == '2') ? 2 : 1;
       oldSosSet = static_cast<int>(sosType.size());
+      oldSosCount = 0;
       sosType.push_back(type);
     } else if (is("'SOSEND'")) {
       inSos = false;
@@ -535,9 +552,12 @@ struct Reader {
         hasValue = parseDouble(tok[3], &v);
         if (!hasValue) type = nullptr;
       } else if (ntok == 3) {
-        // "TYPE SET COL" or "TYPE COL VALUE"
+        // "TYPE SET COL" or "TYPE COL VALUE"; a type without a value takes
+        // the first reading when the third word names a column.
         double x;
-        if (parseDouble(tok[2], &x) && findCol(tok[1]) >= 0) {
+        bool valueless = strcasecmp(type, "FR") == 0 || strcasecmp(type, "MI") == 0 ||
+                         strcasecmp(type, "PL") == 0 || strcasecmp(type, "BV") == 0;
+        if (parseDouble(tok[2], &x) && findCol(tok[1]) >= 0 && !(valueless && findCol(tok[2]) >= 0)) {
           col = tok[1];
           v = x;
           hasValue = true;
@@ -665,7 +685,7 @@ struct Reader {
     if (ntok > 1 && std::sscanf(tok[1], "%d", &value) != 1) return lineError();
     for (size_t k = 0; k < lazyValues.size(); ++k)
       if (lazyValues[k] == value) {
-        log(env, "Error at line %d (second LAZYCONS section with same lazyness):\n %s\n", lineNo, text);
+        log(env, "Error at line %d (second LAZYCONS section with same lazyness):\n %s\n", lineNo, shown());
         return raise(env, VRX_ERROR_FILE_READ, true, "MPS read error at line %d:\n%s\n", lineNo, text);
       }
     lazyValues.push_back(value);
@@ -680,10 +700,11 @@ struct Reader {
     if (r < 0)
       return fail("Error: a quadratic constraint isn't defined in row section.\n",
                   "Error: a quadratic constraint isn't defined in row section.\n");
-    for (size_t k = 0; k < qcs.size(); ++k)
-      if (qcs[k].row == r)
-        return fail("Error, Q terms of a constraint appear in more than one section.\n",
-                    "Error, Q terms of a constraint appear in more than one section.\n");
+    if (qcRowSeen.size() < static_cast<size_t>(numRows())) qcRowSeen.resize(static_cast<size_t>(numRows()), 0);
+    if (qcRowSeen[static_cast<size_t>(r)])
+      return fail("Error, Q terms of a constraint appear in more than one section.\n",
+                  "Error, Q terms of a constraint appear in more than one section.\n");
+    qcRowSeen[static_cast<size_t>(r)] = 1;
     qcs.push_back(QcItem{r, static_cast<int64_t>(qcTerms.size())});
     return 0;
   }
@@ -700,21 +721,21 @@ struct Reader {
   // IF row binvar value
   int indicatorLine() {
     if (ntok < 1 || strcasecmp(tok[0], "IF") != 0) {
-      log(env, "Error at line %d, expected indicator keyword 'IF'\n%s\n", lineNo, text);
+      log(env, "Error at line %d, expected indicator keyword 'IF'\n%s\n", lineNo, shown());
       return raise(env, VRX_ERROR_FILE_READ, true, "MPS read error at line %d:\n%s\n", lineNo, text);
     }
     if (ntok != 4) {
-      log(env, "Error at line %d, expected indicator constraint:\n%s\n", lineNo, text);
+      log(env, "Error at line %d, expected indicator constraint:\n%s\n", lineNo, shown());
       return raise(env, VRX_ERROR_FILE_READ, true, "MPS read error at line %d:\n%s\n", lineNo, text);
     }
     int var = findCol(tok[2]);
     if (var < 0) {
-      log(env, "Error at line %d, unknown indicator variable name:\n%s\n", lineNo, text);
+      log(env, "Error at line %d, unknown indicator variable name:\n%s\n", lineNo, shown());
       return raise(env, VRX_ERROR_FILE_READ, true, "MPS read error at line %d:\n%s\n", lineNo, text);
     }
     double value = -1;
     if (!parseDouble(tok[3], &value) || (value != 0.0 && value != 1.0)) {
-      log(env, "Error at line %d, indicator variable value incorrect:\n%s\n", lineNo, text);
+      log(env, "Error at line %d, indicator variable value incorrect:\n%s\n", lineNo, shown());
       return raise(env, VRX_ERROR_FILE_READ, true, "MPS read error at line %d:\n%s\n", lineNo, text);
     }
     int r = findRow(tok[1]);
@@ -731,7 +752,7 @@ struct Reader {
   }
 
   int genError(const char* what) {
-    log(env, "Error at line %d, %s:\n%s\n", lineNo, what, text);
+    log(env, "Error at line %d, %s:\n%s\n", lineNo, what, shown());
     return raise(env, VRX_ERROR_FILE_READ, true, "MPS read error at line %d:\n%s\n", lineNo, text);
   }
 
@@ -752,7 +773,8 @@ struct Reader {
     if (ntok != 1 || gens.empty()) return genError("expected general constraint");
     GenItem& g = gens.back();
     double v = 0;
-    bool isNum = parseDouble(tok[0], &v);
+    // A column whose name reads as a number is still the column.
+    bool isNum = findCol(tok[0]) < 0 && parseDouble(tok[0], &v);
     if (g.res < 0) {
       if (isNum)
         return genError("general constraint has to start with known resultant variable, not with a constant");
@@ -763,7 +785,7 @@ struct Reader {
     if (isNum) {
       if (g.type != VRX_GENCONSTR_MAX && g.type != VRX_GENCONSTR_MIN) {
         log(env, "Error at line %d, general constraint of type %s does not support constants:\n%s\n",
-            lineNo, kGenTypeNames[g.type], text);
+            lineNo, kGenTypeNames[g.type], shown());
         return raise(env, VRX_ERROR_FILE_READ, true, "MPS read error at line %d:\n%s\n", lineNo, text);
       }
       g.constant = g.type == VRX_GENCONSTR_MAX ? std::max(g.constant, v) : std::min(g.constant, v);
@@ -906,15 +928,21 @@ struct Reader {
     colIdx = nameIndexCreate(env, 1000, true);
     if (!line || !text || !fixedBuf || !rowIdx || !colIdx) throw std::bad_alloc();
     Section sec = kNone;
-    while (streamGets(s, text, kLineMax + 1)) {
+    int got = 0;
+    while (streamGetLine(s, text, kLineMax + 1, &got)) {
       ++lineNo;
       size_t n = std::strlen(text);
+      // A text file holds no NUL byte, and no line of a megabyte.
+      if (n < static_cast<size_t>(got) || (got == kLineMax && text[got - 1] != '\n')) return lineError();
       while (n > 0 && (text[n - 1] == '\n' || text[n - 1] == '\r')) text[--n] = '\0';
       if (n == 0 || text[0] == '*') continue;
       std::memcpy(line, text, n + 1);
       tokenize();
       if (ntok == 0) continue;
       int err = 0;
+      if (isBlank(text[0]))
+        for (int k = 0; k < ntok && k < kMaxTokens; ++k)
+          if (std::strlen(tok[k]) > static_cast<size_t>(VRX_MAX_NAMELEN)) return lineError();
       if (!isBlank(text[0])) {
         if (sawEnd) break;
         if (sec == kGencons && (err = genFinish())) return err;

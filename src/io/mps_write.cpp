@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "env/envvec.h"
+#include "env/nameindex.h"
 #include "io/mps.h"
 #include "io/numfmt.h"
 #include "model/model.h"
@@ -17,19 +18,74 @@ namespace {
 
 bool unsafeName(const char* s) {
   if (!s || !*s) return true;
+  // A row named like the marker literal would read as a marker line.
+  if (std::strcmp(s, "'MARKER'") == 0) return true;
   for (; *s; ++s)
     if (*s == ' ' || *s == ':' || *s == '\\' || *s == '\t' || *s == '\n' || *s == '\r')
       return true;
   return false;
 }
 
-// True when every name of the list can be written as it stands.
-bool namesUsable(char** names, int count) {
+// The objective rows are "OBJ" and "OBJ<k>": a constraint of that name
+// would be taken for one of them when the file is read.
+bool objectiveRowName(const char* s, int numObj) {
+  if (std::strncmp(s, "OBJ", 3) != 0) return false;
+  if (s[3] == '\0') return true;
+  if (numObj == 0) return false;
+  for (const char* p = s + 3; *p; ++p)
+    if (*p < '0' || *p > '9') return false;
+  return true;
+}
+
+// True when the rows of the three kinds, by their names or by the defaults
+// "R%d", "QC%d" and "GC%d" where the list is null, and the cone rows
+// "cone%d" share a name.
+bool rowNamesClash(VRXenv* env, char* const* lin, int m, char* const* qc, int nq, char* const* ind, int ni,
+                   int nc) {
+  NameIndex* idx = nameIndexCreate(env, static_cast<int>((m + nq + ni + nc) * 1.4) + 1, true);
+  if (!idx) throw std::bad_alloc();
+  char buf[32];
+  bool clash = false;
+  auto add = [&](char* const* names, int count, const char* fmt) {
+    for (int i = 0; i < count && !clash; ++i) {
+      const char* nm = names ? names[i] : buf;
+      if (!names) std::snprintf(buf, sizeof buf, fmt, i);
+      if (nameIndexFind(idx, nm) >= 0) {
+        clash = true;
+      } else if (nameIndexInsert(env, idx, nm, i)) {
+        nameIndexFree(env, idx);
+        throw std::bad_alloc();
+      }
+    }
+  };
+  add(lin, m, "R%d");
+  add(qc, nq, "QC%d");
+  add(ind, ni, "GC%d");
+  add(nullptr, nc, "cone%d");
+  nameIndexFree(env, idx);
+  return clash;
+}
+
+// True when every name of the list can be written as it stands and reads
+// back as the same item: present, safe, distinct, and no objective's name.
+bool namesUsable(VRXenv* env, char* const* names, int count, bool rows, int numObj) {
   if (count == 0) return true;
   if (!names) return false;
   for (int i = 0; i < count; ++i)
-    if (unsafeName(names[i])) return false;
-  return true;
+    if (unsafeName(names[i]) || (rows && objectiveRowName(names[i], numObj))) return false;
+  NameIndex* idx = nameIndexCreate(env, static_cast<int>(count * 1.4) + 1, true);
+  if (!idx) throw std::bad_alloc();
+  bool distinct = true;
+  for (int i = 0; i < count && distinct; ++i) {
+    if (nameIndexFind(idx, names[i]) >= 0) {
+      distinct = false;
+    } else if (nameIndexInsert(env, idx, names[i], i)) {
+      nameIndexFree(env, idx);
+      throw std::bad_alloc();
+    }
+  }
+  nameIndexFree(env, idx);
+  return distinct;
 }
 
 struct Writer {
@@ -61,21 +117,41 @@ struct Writer {
 
 }  // namespace
 
-int mpsWrite(VRXenv* env, const VRXmodel* model, Stream* s) {
+int mpsWrite(VRXenv* env, const VRXmodel* model, Stream* s, bool rewrite) {
   const VRXmodeldata* d = model->data;
   const int n = d->numVars, m = d->numConstrs;
-  Writer w{env, s, d, namesUsable(d->varName, n), namesUsable(d->constrName, m), {}, {}, {}, 0};
-  if (!w.varNames && n > 0) log(env, "Warning: default variable names used to write mps file\n");
-  if (!w.conNames && m > 0) log(env, "Warning: default constraint names used to write mps file\n");
+  const VRXobjlist* objs = model->objList && model->objList->count > 0 ? model->objList : nullptr;
+  const int numObj = objs ? objs->count : 0;
+  // Rewritten names are the defaults throughout, by choice: nothing to warn about.
+  const bool varNames = !rewrite && namesUsable(env, d->varName, n, false, numObj);
+  const bool conNames = !rewrite && namesUsable(env, d->constrName, m, true, numObj);
+  Writer w{env, s, d, varNames, conNames, {}, {}, {}, 0};
+  if (!rewrite && !w.varNames && n > 0) log(env, "Warning: default variable names used to write mps file\n");
+  if (!rewrite && !w.conNames && m > 0) log(env, "Warning: default constraint names used to write mps file\n");
 
-  // Quadratic and indicator constraints are rows of the file too, named as the model names them.
+  // Quadratic and indicator constraints are rows of the file too, named as
+  // the model names them unless a name is unsafe or taken by another row.
   const int nq = d->numQConstrs;
-  bool qcNames = namesUsable(d->qcName, nq);
-  if (!qcNames && nq > 0) log(env, "Warning: default Q constraint names used to write mps file\n");
   EnvVec<int> indicators(env);
+  EnvVec<char*> indNames(env);
   for (int g = 0; g < d->numGenConstrs; ++g)
-    if (d->genConstrs[g].type == VRX_GENCONSTR_INDICATOR) indicators.push_back(g);
+    if (d->genConstrs[g].type == VRX_GENCONSTR_INDICATOR) {
+      indicators.push_back(g);
+      indNames.push_back(d->genConstrs[g].name);
+    }
   const int ni = static_cast<int>(indicators.size());
+  bool qcNames = !rewrite && namesUsable(env, d->qcName, nq, true, numObj);
+  bool genNames = !rewrite && namesUsable(env, indNames.data(), ni, true, numObj);
+  // Cones are written as the quadratic rows -x0^2 + x1^2 + ... <= 0, as in LP files.
+  const int nc = d->numCones;
+  if ((w.conNames || qcNames || genNames) && (nq > 0 || ni > 0 || nc > 0) &&
+      rowNamesClash(env, w.conNames ? d->constrName : nullptr, m, qcNames ? d->qcName : nullptr, nq,
+                    genNames ? indNames.data() : nullptr, ni, nc)) {
+    // The defaults of the three kinds never meet.
+    if (w.conNames && m > 0) log(env, "Warning: default constraint names used to write mps file\n");
+    w.conNames = qcNames = genNames = false;
+  }
+  if (!rewrite && !qcNames && nq > 0) log(env, "Warning: default Q constraint names used to write mps file\n");
   char qcBuf[32], genBuf[32];
   auto qcName = [&](int q) -> const char* {
     if (qcNames) return d->qcName[q];
@@ -83,13 +159,14 @@ int mpsWrite(VRXenv* env, const VRXmodel* model, Stream* s) {
     return qcBuf;
   };
   auto genName = [&](int g) -> const char* {
+    // Only indicators are rows; the others' names are labels of their own.
     const char* nm = d->genConstrs[g].name;
-    if (nm && !unsafeName(nm)) return nm;
+    bool own = d->genConstrs[g].type == VRX_GENCONSTR_INDICATOR ? genNames : !rewrite;
+    if (own && nm && !unsafeName(nm)) return nm;
     std::snprintf(genBuf, sizeof genBuf, "GC%d", g);
     return genBuf;
   };
   auto letter = [](char sn) { return sn == '<' ? 'L' : (sn == '>' ? 'G' : 'E'); };
-  const VRXobjlist* objs = model->objList && model->objList->count > 0 ? model->objList : nullptr;
   const double flip = d->modelSense < 0 ? -1.0 : 1.0;  // further objectives are in the caller's sense
 
   w.put("NAME %s\n", d->modelName ? d->modelName : "");
@@ -107,6 +184,7 @@ int mpsWrite(VRXenv* env, const VRXmodel* model, Stream* s) {
   for (int i = 0; i < m; ++i)
     if (!lazy || lazy[i] == 0) w.put(" %c  %-8s\n", letter(d->sense[i]), w.con(i, w.nameA));
   for (int q = 0; q < nq; ++q) w.put(" %c  %-8s\n", letter(d->qcSense[q]), qcName(q));
+  for (int c = 0; c < nc; ++c) w.put(" L  cone%d\n", c);
   for (int k = 0; k < ni; ++k) {
     const VRXgenconstr& g = d->genConstrs[indicators[static_cast<size_t>(k)]];
     w.put(" %c  %-8s\n", letter(g.sense), genName(indicators[static_cast<size_t>(k)]));
@@ -283,6 +361,14 @@ int mpsWrite(VRXenv* env, const VRXmodel* model, Stream* s) {
     for (int64_t p = d->qcQuadBeg[q]; p < d->qcQuadBeg[q + 1]; ++p)
       w.put("    %-8s  %-8s  %s\n", w.var(d->qcRow[p], w.nameA), w.var(d->qcCol[p], w.nameB),
             w.num(d->qcVal[p]));
+  }
+  for (int c = 0; c < nc; ++c) {
+    char row[32];
+    std::snprintf(row, sizeof row, "cone%d", c);
+    w.put("QCMATRIX   %-8s\n", row);
+    for (int64_t p = d->coneBeg[c]; p < d->coneBeg[c + 1]; ++p)
+      w.put("    %-8s  %-8s  %s\n", w.var(d->coneInd[p], w.nameA), w.var(d->coneInd[p], w.nameB),
+            p == d->coneBeg[c] ? "-1" : "1");
   }
   if (ni > 0) {
     w.put("INDICATORS\n");

@@ -240,6 +240,12 @@ Stream* streamOpen(VRXenv* env, const char* name, char mode, int* err) {
 }
 
 char* streamGets(Stream* s, char* buf, int size) {
+  int len = 0;
+  return streamGetLine(s, buf, size, &len);
+}
+
+char* streamGetLine(Stream* s, char* buf, int size, int* len) {
+  *len = 0;
   if (size <= 0) return nullptr;
   int n = 0;
   while (n < size - 1) {
@@ -257,6 +263,7 @@ char* streamGets(Stream* s, char* buf, int size) {
   }
   if (n == 0) return nullptr;
   buf[n] = '\0';
+  *len = n;
   return buf;
 }
 

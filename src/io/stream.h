@@ -21,6 +21,8 @@ size_t stemLength(const char* name);
 Stream* streamOpen(VRXenv* env, const char* name, char mode, int* err);
 // Reads one line into buf (at most size-1 characters, line feed kept); null at the end.
 char* streamGets(Stream* s, char* buf, int size);
+// The same, with the number of bytes read in *len: a line may hold NUL bytes.
+char* streamGetLine(Stream* s, char* buf, int size, int* len);
 // Reads up to n bytes; returns the count, 0 at the end.
 size_t streamRead(Stream* s, void* buf, size_t n);
 int streamWrite(Stream* s, const void* data, size_t n);

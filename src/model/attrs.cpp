@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "env/nameindex.h"
+#include "model/callback.h"
 #include "model/model.h"
 #include "model/modeldata.h"
 #include "model/pending.h"
@@ -216,7 +217,14 @@ int gPWLObjCvx(VRXmodel* m, int j, Value* v, char*) {
   const double* y = d->pwlY + d->pwlBeg[j];
   double last = -kInf;
   for (int k = 1; k < d->pwlCount[j]; ++k) {
-    if (x[k] == x[k - 1]) continue;
+    if (x[k] == x[k - 1]) {
+      // A jump has no convex form.
+      if (y[k] != y[k - 1]) {
+        v->i = 0;
+        break;
+      }
+      continue;
+    }
     double slope = (y[k] - y[k - 1]) / (x[k] - x[k - 1]);
     if (slope < last - 1e-12) {
       v->i = 0;
@@ -942,16 +950,24 @@ int asyncRead(VRXmodel* model, const char* name, int type, void* value) {
                                         "RunVTime",      "NodeCount", "OpenNodeCount", "TOpen",
                                         "IterCount",     "IterCount0", "BarIterCount"};
   int r = findAttr(model, name);
+  const auto* cache = static_cast<const VRXasyncCache*>(model->asyncCache);
   for (const char* c : kCached) {
     if (r < 0 || std::strcmp(kAttrs[r].name, c) != 0 || kAttrs[r].type != type) continue;
+    auto* d = static_cast<double*>(value);
     if (std::strcmp(c, "Status") == 0) *static_cast<int*>(value) = VRX_INPROGRESS;
-    else if (std::strcmp(c, "BarIterCount") == 0) *static_cast<int*>(value) = 0;
-    else if (std::strcmp(c, "ObjVal") == 0) *static_cast<double*>(value) = kInf;
-    else if (std::strcmp(c, "ObjBound") == 0 || std::strcmp(c, "ObjBoundC") == 0)
-      *static_cast<double*>(value) = -kInf;
-    else if (std::strcmp(c, "NodeCount") == 0 || std::strcmp(c, "TOpen") == 0)
-      *static_cast<double*>(value) = -1.0;
-    else *static_cast<double*>(value) = 0.0;
+    else if (std::strcmp(c, "BarIterCount") == 0) *static_cast<int*>(value) = cache ? cache->barIterCount.load() : 0;
+    else if (!cache) *d = std::strcmp(c, "ObjVal") == 0 ? kInf
+                        : (std::strcmp(c, "ObjBound") == 0 || std::strcmp(c, "ObjBoundC") == 0) ? -kInf
+                        : (std::strcmp(c, "NodeCount") == 0 || std::strcmp(c, "TOpen") == 0) ? -1.0 : 0.0;
+    else if (std::strcmp(c, "ObjVal") == 0) *d = cache->objVal.load();
+    else if (std::strcmp(c, "ObjBound") == 0) *d = cache->objBound.load();
+    else if (std::strcmp(c, "ObjBoundC") == 0) *d = cache->objBoundC.load();
+    else if (std::strcmp(c, "RunVTime") == 0) *d = cache->runVTime.load();
+    else if (std::strcmp(c, "NodeCount") == 0) *d = cache->nodeCount.load();
+    else if (std::strcmp(c, "OpenNodeCount") == 0) *d = cache->openNodeCount.load();
+    else if (std::strcmp(c, "TOpen") == 0) *d = cache->tOpen.load();
+    else if (std::strcmp(c, "IterCount") == 0) *d = cache->iterCount.load();
+    else *d = cache->iterCount0.load();
     return 0;
   }
   return VRX_ERROR_OPTIMIZATION_IN_PROGRESS;

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "model/model.h"
 #include "model/modeldata.h"
@@ -141,6 +142,90 @@ int callbackFrame(VRXenv* env, int where, const VRXcbprogress* progress) {
   cb->where = savedWhere;
   cb->progress = savedProgress;
   return rc;
+}
+
+namespace {
+
+// The private step of an asynchronous run: the user's callback first, then the progress of
+// the solve into the cache.
+int asyncStep(VRXmodel* model, void* cbdata, int where, void* usrdata) {
+  auto* cb = static_cast<VRXcbdata*>(cbdata);
+  if (!model || !blockValid(cb)) return 0;
+  auto* cache = static_cast<VRXasyncCache*>(model->asyncCache);
+  if (!cache) return 0;
+  int rc = cache->userFunc ? cache->userFunc(model, cbdata, where, usrdata) : 0;
+  const VRXcbprogress* p = cb->progress;
+  if (!p) return rc;
+  const double sense = model->data ? model->data->modelSense : 1;
+  switch (where) {
+    case VRX_CB_POLLING:
+    case VRX_CB_SIMPLEX:
+      if (p->spxIter > cache->iterCount.load(std::memory_order_relaxed))
+        cache->iterCount.store(p->spxIter, std::memory_order_relaxed);
+      break;
+    case VRX_CB_MIP:
+      cache->objVal.store(sense * p->mipObjBest, std::memory_order_relaxed);
+      cache->objBound.store(sense * p->mipObjBound, std::memory_order_relaxed);
+      cache->objBoundC.store(sense * p->mipObjBoundC, std::memory_order_relaxed);
+      cache->nodeCount.store(p->mipNodes, std::memory_order_relaxed);
+      cache->openNodeCount.store(p->mipNodesLeft, std::memory_order_relaxed);
+      cache->iterCount.store(p->mipIter, std::memory_order_relaxed);
+      cache->tOpen.store(p->mipOpen, std::memory_order_relaxed);
+      break;
+    case VRX_CB_BARRIER:
+      cache->barIterCount.store(p->barIter, std::memory_order_relaxed);
+      break;
+    default:
+      break;
+  }
+  return rc;
+}
+
+}  // namespace
+
+int asyncCacheStart(VRXmodel* model) {
+  VRXenv* env = model->env;
+  asyncCacheFree(model);
+  void* mem = envMalloc(env, sizeof(VRXasyncCache));
+  if (!mem) return VRX_ERROR_OUT_OF_MEMORY;
+  auto* cache = new (mem) VRXasyncCache();
+  if (!model->cbState) {
+    model->cbState = static_cast<VRXcbdata*>(envCalloc(env, 1, sizeof(VRXcbdata)));
+    if (!model->cbState) {
+      cache->~VRXasyncCache();
+      envFree(env, mem);
+      return VRX_ERROR_OUT_OF_MEMORY;
+    }
+    VRXcbdata* b = model->cbState;
+    b->magic = kCbMagic;
+    b->model = model;
+    b->startTime = b->lastPoll = wallClock();
+    b->phase = 1;
+    b->lastObjective = -1e100;
+    b->lastBest = b->lastNode = -1;
+    cache->madeBlock = 1;
+  }
+  if (!env->cbData) env->cbData = model->cbState;
+  cache->userFunc = env->cbFunc;
+  env->cbFunc = asyncStep;
+  model->asyncCache = cache;
+  return 0;
+}
+
+void asyncCacheStop(VRXmodel* model) {
+  auto* cache = static_cast<VRXasyncCache*>(model->asyncCache);
+  if (!cache || model->env->cbFunc != asyncStep) return;
+  model->env->cbFunc = cache->userFunc;
+  if (!cache->userFunc && cache->madeBlock && model->env->cbData == model->cbState) model->env->cbData = nullptr;
+}
+
+void asyncCacheFree(VRXmodel* model) {
+  auto* cache = static_cast<VRXasyncCache*>(model->asyncCache);
+  if (!cache) return;
+  asyncCacheStop(model);
+  cache->~VRXasyncCache();
+  envFree(model->env, cache);
+  model->asyncCache = nullptr;
 }
 
 }  // namespace vrx

@@ -1,6 +1,7 @@
 // The block handed to a user callback, and the frame that calls it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "env/env.h"
@@ -55,7 +56,31 @@ struct VRXcbdata {
   int numVars;                     // length of solution arrays handed out
 };
 
+// What the attribute reads answer while an asynchronous solve runs: the worker's private
+// callback step copies the progress of the solve into it. Written by the worker, read by
+// the caller's thread, hence atomic.
+struct VRXasyncCache {
+  std::atomic<double> objVal{1e100};
+  std::atomic<double> objBound{-1e100};
+  std::atomic<double> objBoundC{-1e100};
+  std::atomic<double> nodeCount{-1.0};
+  std::atomic<double> openNodeCount{0.0};
+  std::atomic<double> iterCount{0.0};
+  std::atomic<double> iterCount0{0.0};
+  std::atomic<double> tOpen{-1.0};
+  std::atomic<int> barIterCount{0};
+  std::atomic<double> runVTime{0.0};
+  VRXcallback userFunc = nullptr;  // the user's callback, called before the private step
+  int madeBlock = 0;               // the callback block was made for the private step
+};
+
 namespace vrx {
+// The cache of an asynchronous run: made fresh (the old one freed), with the private
+// callback step installed on the model's environment. 0 or 10001.
+int asyncCacheStart(VRXmodel* model);
+// Takes the private step off again; the cache stays readable until it is freed.
+void asyncCacheStop(VRXmodel* model);
+void asyncCacheFree(VRXmodel* model);
 // Hands one log line to the environment's callback as a 'where' 6 message.
 int callbackMessage(VRXenv* env, const char* text);
 // Calls the user callback at 'where' with the solver's values. Returns the

@@ -8,6 +8,7 @@
 #include "model/model.h"
 #include "model/modeldata.h"
 #include "model/result.h"
+#include "presolve/undo.h"
 #include "simplex/lp.h"
 #include "model/pending.h"
 
@@ -98,7 +99,7 @@ int validate(VRXenv* env, const LoadArgs& a) {
   if (a.numQNZs < 0) return VRX_ERROR_INVALID_ARGUMENT;
   if (a.numQNZs > 0) {
     if (!a.qRow || !a.qCol || !a.qVal) return VRX_ERROR_NULL_ARGUMENT;
-    if ((err = checkFiniteArray(env, a.qVal, a.numQNZs))) return err;
+    if ((err = checkQuadArray(env, a.qVal, a.numQNZs))) return err;
     for (int k = 0; k < a.numQNZs; ++k)
       if (a.qRow[k] < 0 || a.qRow[k] >= a.numVars || a.qCol[k] < 0 || a.qCol[k] >= a.numVars)
         return VRX_ERROR_INDEX_OUT_OF_RANGE;
@@ -409,6 +410,7 @@ void modelDestroy(VRXmodel* model) {
   model->attrScratch = nullptr;
   model->attrScratchSize = 0;
   VRXlpFreeOnModel(model);
+  presolveMapDrop(model);
   // rowStore gets its free routine with the record that fills it.
   modelDataFree(env, model->data);
   modelDataFree(env, model->presolved);

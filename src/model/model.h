@@ -10,6 +10,7 @@ struct VRXmodeldata;
 struct VRXpending;
 struct VRXresult;
 struct VRXobjlist;
+struct VRXpresolvemap;
 
 namespace vrx {
 struct NameIndex;
@@ -67,6 +68,7 @@ struct VRXmodel {
   VRXobjlist* objList;   // the objectives of a model with several; null for one
   char* attrScratch;     // names handed out by the attribute reads
   size_t attrScratchSize;
+  VRXpresolvemap* presolveMap;  // the last presolve's map with its presolved model; null when none
 };
 
 namespace vrx {
@@ -124,6 +126,8 @@ int modelEnter(VRXmodel* model);
 int checkFinite(VRXenv* env, double value);
 int checkFiniteArray(VRXenv* env, const double* values, int count);
 int checkFiniteArrayX(VRXenv* env, const double* values, size_t count);
+// As checkFiniteArray, for quadratic values, which the store keeps doubled.
+int checkQuadArray(VRXenv* env, const double* values, int count);
 int checkNotNan(VRXenv* env, double value);
 int checkNotNanArray(VRXenv* env, const double* values, int count);
 int checkNotNanArrayX(VRXenv* env, const double* values, size_t count);

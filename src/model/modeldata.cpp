@@ -269,6 +269,15 @@ int checkFiniteArray(VRXenv* env, const double* values, int count) {
   return 0;
 }
 
+int checkQuadArray(VRXenv* env, const double* values, int count) {
+  if (!values) return 0;
+  // The store keeps quadratic values doubled: they must stay finite after that.
+  for (int i = 0; i < count; ++i)
+    if (!std::isfinite(2.0 * values[i]))
+      return quietRaise(env, "Element %d of a double array is Nan or Inf.", i);
+  return 0;
+}
+
 int checkFiniteArrayX(VRXenv* env, const double* values, size_t count) {
   if (!values) return 0;
   for (size_t i = 0; i < count; ++i)

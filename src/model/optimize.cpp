@@ -90,10 +90,23 @@ int run(VRXmodel* model, Clock& clock) {
   if (isMIP(d))
     return raise(env, VRX_ERROR_NOT_SUPPORTED, true,
                  "Mixed-integer models cannot be solved by this build");
-  if (d->numQNZs > 0 || d->numQConstrs > 0)
+  if (d->numQConstrs > 0)
     return raise(env, VRX_ERROR_NOT_SUPPORTED, true,
-                 "Quadratic models cannot be solved by this build");
+                 "Models with quadratic constraints cannot be solved by this build");
   int method = env->par.Method;
+  const bool qp = d->numQNZs > 0;
+  if (qp && d->numPWLObjVars > 0)
+    return raise(env, VRX_ERROR_NOT_SUPPORTED, true,
+                 "QP models with a piecewise-linear objective cannot be solved by this build");
+  if (qp && (method == 3 || method == 4)) {
+    log(env, "Warning: Concurrent optimizer not supported for QP models\n");
+    log(env, "         Using dual simplex\n");
+    // The method goes back to the caller's value after the run.
+    env->par.Method = 1;
+    int rc = lpOptimize(model, clock);
+    env->par.Method = method;
+    return rc;
+  }
   if (method == 3 || method == 4 || method == 5)
     return raise(env, VRX_ERROR_NOT_SUPPORTED, true,
                  "Method %d is not available in this build", method);
@@ -184,6 +197,7 @@ void asyncBody(VRXmodel* model) {
   } catch (...) {
     rc = VRX_ERROR_OUT_OF_MEMORY;
   }
+  asyncCacheStop(model);
   setError(model->env, rc);
   model->asyncResult = rc;
   model->optimizing = 0;
@@ -219,7 +233,10 @@ int startWorker(VRXmodel* model) {
 }  // namespace
 
 void joinWorker(VRXmodel* model) {
-  if (!model->asyncThread) return;
+  if (!model->asyncThread) {
+    asyncCacheFree(model);
+    return;
+  }
   VRXenv* env = model->env;
   if (model->asyncHostThread) {
     if (env->threadJoin) env->threadJoin(model->asyncThread, env->sysUserData);
@@ -230,6 +247,7 @@ void joinWorker(VRXmodel* model) {
     envFree(env, t);
   }
   model->asyncThread = nullptr;
+  asyncCacheFree(model);
 }
 
 }  // namespace vrx
@@ -263,9 +281,17 @@ VRX_API int VRXoptimizeasync(VRXmodel* model) {
     model->optimizing = 1;
     model->inSolve = 1;
     model->asyncResult = 0;
-    __atomic_store_n(&model->asyncPending, 1, __ATOMIC_RELEASE);
-    int rc = startWorker(model);
+    joinWorker(model);  // a finished run that nobody synced
+    int rc = asyncCacheStart(model);
     if (rc) {
+      model->optimizing = 0;
+      model->inSolve = 0;
+      return setError(env, rc);
+    }
+    __atomic_store_n(&model->asyncPending, 1, __ATOMIC_RELEASE);
+    rc = startWorker(model);
+    if (rc) {
+      asyncCacheFree(model);
       model->asyncPending = 0;
       model->optimizing = 0;
       model->inSolve = 0;

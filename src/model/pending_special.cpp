@@ -139,7 +139,7 @@ int addQTerms(VRXmodel* model, VRXpending* p, int numqnz, const int* qrow, const
   if (numqnz < 0) return VRX_ERROR_INVALID_ARGUMENT;
   if (numqnz == 0) return 0;
   if (!qrow || !qcol || !qval) return VRX_ERROR_NULL_ARGUMENT;
-  int err = checkFiniteArray(env, qval, numqnz);
+  int err = checkQuadArray(env, qval, numqnz);
   if (err) return err;
   const int n = varCount(model);
   if (!varsInRange(qrow, numqnz, n) || !varsInRange(qcol, numqnz, n))

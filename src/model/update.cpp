@@ -13,6 +13,7 @@
 #include "model/pending.h"
 #include "model/pending_impl.h"
 #include "model/result.h"
+#include "presolve/undo.h"
 #include "simplex/lp.h"
 
 namespace vrx {
@@ -1443,6 +1444,7 @@ void dropSolveResults(VRXmodel* model) {
   modelDataFree(env, model->presolved);
   modelDataFree(env, model->relaxed);
   model->presolved = model->relaxed = nullptr;
+  presolveMapDrop(model);
   freeRowCopy(env, model->data);
   model->status = VRX_LOADED;
 }

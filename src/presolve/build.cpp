@@ -131,6 +131,9 @@ VRXpresolve* presolveCreate(VRXenv* env, const VRXmodeldata* d, double* work) {
     p->rowLen[i] = 0;
     p->rowCount[i] = 0;
     p->rowMark[i] = 0;
+    // The first pass deletes entries before the activities are computed.
+    p->minAct[i] = p->maxAct[i] = 0;
+    p->minInf[i] = p->maxInf[i] = 0;
   }
   int64_t nz = 0;
   for (int j = 0; j < n; ++j)

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "model/modeldata.h"
+#include "presolve/dualise.h"
 #include "presolve/lpbridge.h"
 #include "presolve/presolve.h"
 #include "simplex/lp.h"
@@ -74,14 +75,28 @@ int lpPresolveSolve(VRXmodel* model, int method, Clock& clock, PresolvedSolve* o
   if (pn == 0 && pm == 0) {
     log(env, "Presolve: All rows and columns removed\n");
   } else {
-    rc = VRXlpSetup(pre, method, &clock.work);
-    if (rc) return rc;
-    VRXlp* plp = static_cast<VRXlp*>(pre->lp);
-    rc = lpRunSimplex(plp, method, clock);
-    if (rc) return rc;
-    out->preIters = plp->iterCount;
-    rc = lpReadPoint(plp, pp);
-    if (rc) return rc;
+    int choice = dualiseChoice(pd, par, method, par.Threads > 0 ? par.Threads : detectCores());
+    // Both forms at once needs the concurrent solve; until then the single-thread rule decides.
+    if (choice == 2) choice = static_cast<double>(pm) > 5.0 * pn && method != 2 ? 1 : 0;
+    if (choice == 1) {
+      int st = 0;
+      rc = dualisedPoint(pre, method, clock, pp, &st, &out->preIters);
+      if (rc) return rc;
+      if (st != 2) {
+        out->handled = 1;
+        out->status = st;
+        return 0;
+      }
+    } else {
+      rc = VRXlpSetup(pre, method, &clock.work);
+      if (rc) return rc;
+      VRXlp* plp = static_cast<VRXlp*>(pre->lp);
+      rc = lpRunSimplex(plp, method, clock);
+      if (rc) return rc;
+      out->preIters = plp->iterCount;
+      rc = lpReadPoint(plp, pp);
+      if (rc) return rc;
+    }
     VRXlpFreeOnModel(pre);
   }
   // The walk needs no duals for the basis, but asks for them to keep the statuses right.
@@ -89,29 +104,19 @@ int lpPresolveSolve(VRXmodel* model, int method, Clock& clock, PresolvedSolve* o
   rc = uncrushLP(run.pre.map, pp, op);
   if (rc) return rc;
 
-  // The clean-up simplex on the original, from the walked-back basis.
-  rc = VRXlpSetup(model, method, &clock.work);
+  // The clean-up simplex on the original, from the walked-back basis; when that basis
+  // falls apart the caller solves the original cold.
+  rc = lpCleanupFrom(model, method, cs, rs, out->preIters, "after uncrush", clock, &out->extraIters);
   if (rc) return rc;
-  VRXlp* lp = static_cast<VRXlp*>(model->lp);
-  rc = lpLoadBasis(lp, cs, rs);
-  if (rc) return rc;
-  lp->iterCount = 0;
-  lp->priorIter = out->preIters;
-  rc = lpRunSimplex(lp, method, clock);
-  if (rc == 100001 || rc == 100002) {
-    // The walked-back basis fell apart: the caller solves the original cold.
-    VRXlpFreeOnModel(model);
+  if (out->extraIters < 0) {
+    out->extraIters = 0;
     return 0;
   }
-  if (rc) return rc;
-  out->extraIters = lp->iterCount;
-  if (lp->iterCount > 0) {
-    if (lp->iterCount <= 1)
-      log(env, "Extra one simplex iteration after uncrush\n");
-    else
-      log(env, "Extra %d simplex iterations after uncrush\n", static_cast<int>(lp->iterCount));
-  }
   out->handled = 1;
+  // The map stays with the model for later starts and hints in the presolved space.
+  presolveMapKeep(model, run.pre.presolved, run.pre.map);
+  run.pre.presolved = nullptr;
+  run.pre.map = nullptr;
   return 0;
 }
 

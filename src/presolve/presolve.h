@@ -238,6 +238,12 @@ int parallelColumns(VRXpresolve* p);
 int aggregate(VRXpresolve* p, bool doubletonOnly, int aggFill);
 int dependentRows(VRXpresolve* p);
 int columnToSlack(VRXpresolve* p, int* removed);
+// Implied-free columns lose their bounds and are measured from the old lower
+// bound (kind 9).
+int impliedFreeRebase(VRXpresolve* p);
+// Pairs of columns whose only rows are the same two equations, taken out with
+// them when the rows hold both inside their bounds (kind 20). level >= 1.
+int twoRowPass(VRXpresolve* p, int level);
 // Substitutes column j out through the equation in row r (slot kr); writes
 // kind 2 (and kind 6 for bounds carried across a two-entry row). Returns
 // kPreOk, or kPreStop when the substitution was refused.

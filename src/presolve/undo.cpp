@@ -19,12 +19,20 @@
 //  16 COMPLEMENT    col a, col b                           |
 //  17 IMPLIEDCONT   col, flags, nRows, lens[nRows], cols... | value, per row: rhs, coef of col, coefs...
 //  19 BLOCK         block col, count, cols[count]          | coefs[count], lbs[count], ubs[count]
+//  12 BINMAP        col, binary col                        |
+//  13 ROWSPLIT      row, col, new row, count, cols[count]  | rhs, coef in row, coef in new row, coefs[count]
+//  18 MERGECOLS     merged col, count, cols[count]         |
+//  20 TWOROWS       r1, r2, j, k, nRest, rest[nRest]       | a1j a1k a2j a2k b1 b2 cj ck, a1[nRest], a2[nRest]
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <new>
 
 #include "presolve/undo.h"
+
+#include "model/model.h"
+#include "simplex/lp.h"
+#include "env/envvec.h"
 
 namespace vrx {
 
@@ -71,6 +79,10 @@ void undoFree(VRXenv* env, UndoStack& s) {
 void presolveMapFree(VRXpresolvemap* map) {
   if (!map) return;
   VRXenv* env = map->env;
+  if (map->presolved) {
+    VRXlpFreeOnModel(map->presolved);
+    modelDestroy(map->presolved);
+  }
   envFree(env, map->colMap);
   envFree(env, map->rowMap);
   envFree(env, map->rowNeg);
@@ -85,18 +97,18 @@ void presolveMapFree(VRXpresolvemap* map) {
   envFree(env, map);
 }
 
-namespace {
+void presolveMapKeep(VRXmodel* model, VRXmodel* presolved, VRXpresolvemap* map) {
+  presolveMapDrop(model);
+  map->presolved = presolved;
+  model->presolveMap = map;
+}
 
-// Scratch arrays freed on every path.
-template <class T>
-struct Scratch {
-  VRXenv* env;
-  T* a;
-  Scratch(VRXenv* e, size_t n) : env(e), a(static_cast<T*>(envMalloc(e, (n ? n : 1) * sizeof(T)))) {}
-  ~Scratch() { envFree(env, a); }
-  Scratch(const Scratch&) = delete;
-  Scratch& operator=(const Scratch&) = delete;
-};
+void presolveMapDrop(VRXmodel* model) {
+  presolveMapFree(model->presolveMap);
+  model->presolveMap = nullptr;
+}
+
+namespace {
 
 bool near(double a, double b) { return std::fabs(a - b) <= 1e-9 * (1.0 + std::fabs(b)); }
 
@@ -221,6 +233,8 @@ void undoScaleCol(const VRXundo* u, Walk& w) {
   w.x[col] = D[1] * w.x[col] + D[0];
   if (!w.dual) return;
   w.d[col] /= D[1];
+  // A column made free rests at 0, which is where its bound was.
+  if (w.cs[col] == kStFree && D[1] == 1.0 && w.x[col] == D[0]) w.cs[col] = kStLower;
   if (D[1] < 0) {
     if (w.cs[col] == kStLower)
       w.cs[col] = kStUpper;
@@ -431,6 +445,32 @@ void undoBlock(const VRXundo* u, Walk& w) {
   }
 }
 
+// Two columns out of the two equations that were their only rows:
+// x_J = M^-1 (b - R x_rest), and the duals from M' y = c_J.
+void undoTwoRows(const VRXundo* u, Walk& w) {
+  const int* I = undoInts(u);
+  const double* D = undoDbls(u);
+  const int r1 = I[0], r2 = I[1], j = I[2], k = I[3], nRest = I[4];
+  const int* rest = I + 5;
+  const double a1j = D[0], a1k = D[1], a2j = D[2], a2k = D[3], b1 = D[4], b2 = D[5], cj = D[6], ck = D[7];
+  const double* a1 = D + 8;
+  const double* a2 = D + 8 + nRest;
+  const double det = a1j * a2k - a1k * a2j;
+  double s1 = b1, s2 = b2;
+  for (int t = 0; t < nRest; ++t) {
+    s1 -= a1[t] * w.x[rest[t]];
+    s2 -= a2[t] * w.x[rest[t]];
+  }
+  w.x[j] = (a2k * s1 - a1k * s2) / det;
+  w.x[k] = (a1j * s2 - a2j * s1) / det;
+  if (!w.dual) return;
+  w.y[r1] = (cj * a2k - ck * a2j) / det;
+  w.y[r2] = (ck * a1j - cj * a1k) / det;
+  w.d[j] = w.d[k] = 0;
+  w.cs[j] = w.cs[k] = kStBasic;
+  w.rs[r1] = w.rs[r2] = kRowActive;
+}
+
 void walkOne(const VRXundo* u, Walk& w) {
   switch (u->kind) {
     case UNDO_FIXCOL: undoFixCol(u, w); break;
@@ -449,7 +489,8 @@ void walkOne(const VRXundo* u, Walk& w) {
     case UNDO_COMPLEMENT: undoComplement(u, w); break;
     case UNDO_IMPLIEDCONT: undoImpliedCont(u, w); break;
     case UNDO_BLOCK: undoBlock(u, w); break;
-    default: break;  // 12, 13, 18, 20: no reduction of this build writes them
+    case UNDO_TWOROWS: undoTwoRows(u, w); break;
+    default: break;  // 12, 13, 18 carry nothing back: their values come from crush or other records
   }
 }
 
@@ -581,6 +622,33 @@ int crushStart(const VRXpresolvemap* map, const double* origX, double* preX, int
     } else if (u->kind == UNDO_SCALECOL) {
       const int j = I[0];
       if (x[j] < kUndefined) x[j] = (x[j] - D[0]) / D[1];
+    } else if (u->kind == UNDO_COLTOSLACK || u->kind == UNDO_SUBSTCOLX) {
+      // The removed column from the row it was expressed by.
+      const bool slack = u->kind == UNDO_COLTOSLACK;
+      const int col = slack ? I[1] : I[0];
+      const int count = slack ? I[4] : I[2];
+      const int* cols = slack ? I + 5 : I + 4;
+      const double a = D[0], b = slack ? D[2] : D[1];
+      const double* coefs = D + 3;
+      double rest = 0;
+      for (int t = 0; t < count && rest < kUndefined; ++t)
+        rest = x[cols[t]] >= kUndefined ? kUndefined : rest + coefs[t] * x[cols[t]];
+      x[col] = rest >= kUndefined ? kUndefined : (b - rest) / a;
+    } else if (u->kind == UNDO_BINMAP) {
+      const int col = I[0], bin = I[1];
+      x[bin] = x[col] >= kUndefined ? kUndefined : (x[col] > 1e-10 ? 1.0 : 0.0);
+    } else if (u->kind == UNDO_ROWSPLIT) {
+      const int col = I[1], count = I[3];
+      double rest = 0;
+      for (int t = 0; t < count && rest < kUndefined; ++t)
+        rest = x[I[4 + t]] >= kUndefined ? kUndefined : rest + D[3 + t] * x[I[4 + t]];
+      x[col] = rest >= kUndefined ? kUndefined : (D[0] - rest) / D[2];
+    } else if (u->kind == UNDO_MERGECOLS) {
+      const int merged = I[0], count = I[1];
+      double sum = 0;
+      for (int t = 0; t < count && sum < kUndefined; ++t)
+        sum = x[I[2 + t]] >= kUndefined ? kUndefined : sum + x[I[2 + t]];
+      x[merged] = sum;
     } else if (u->kind == UNDO_BLOCK) {
       const int block = I[0], count = I[1];
       double sum = 0;
@@ -649,6 +717,20 @@ int crushExpr(VRXpresolvemap* map, int count, const int* ind, const double* coef
         if (std::fabs(wv[k] - D[0] * cj) > 1e-9 * (1 + std::fabs(wv[k]))) return 20000;
         wv[k] = 1e-100;
       }
+      continue;
+    }
+    if (u->kind == UNDO_TWOROWS) {
+      // x_j and x_k are affine in the rest: x_J = M^-1 (b - R x_rest).
+      const int j = I[2], k = I[3], nRest = I[4];
+      const double cj = in[j] ? wv[j] : 0.0, ck = in[k] ? wv[k] : 0.0;
+      if (std::fabs(cj) <= 1e-100 && std::fabs(ck) <= 1e-100) continue;
+      const double a1j = D[0], a1k = D[1], a2j = D[2], a2k = D[3], det = a1j * a2k - a1k * a2j;
+      // w' = [cj ck] M^-1, then the expression gains -w' R and the rhs loses w' b.
+      const double w1 = (cj * a2k - ck * a2j) / det, w2 = (ck * a1j - cj * a1k) / det;
+      rhs -= w1 * D[4] + w2 * D[5];
+      if (in[j]) wv[j] = 1e-100;
+      if (in[k]) wv[k] = 1e-100;
+      for (int t = 0; t < nRest; ++t) addTo(I[5 + t], -(w1 * D[8 + t] + w2 * D[8 + nRest + t]));
       continue;
     }
     if (!in[col] || std::fabs(wv[col]) <= 1e-100) continue;

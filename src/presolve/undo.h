@@ -83,9 +83,12 @@ void undoFree(VRXenv* env, UndoStack& s);
 
 }  // namespace vrx
 
+struct VRXmodel;
+
 // What stays of the presolve record beside the presolved model.
 struct VRXpresolvemap {
   VRXenv* env;
+  VRXmodel* presolved;  // owned once the map hangs on the original model, else null
   int origCols, origRows;
   int preCols, preRows;
   int* colMap;      // original column -> presolved column; -1 fixed or redundant, -2 and less with a dependence
@@ -107,7 +110,13 @@ struct VRXpresolvemap {
 
 namespace vrx {
 
+// Frees the map, and the presolved model when the map owns it.
 void presolveMapFree(VRXpresolvemap* map);
+// Hangs the map and its presolved model on the original model, in place of
+// any earlier pair; the model owns both from here on.
+void presolveMapKeep(VRXmodel* model, VRXmodel* presolved, VRXpresolvemap* map);
+// Drops what presolveMapKeep hung on the model (a model change, a reset, the free).
+void presolveMapDrop(VRXmodel* model);
 
 // A primal-dual point with a basis. Any array may be null where not wanted.
 struct LPPoint {

@@ -1,10 +1,11 @@
 // Dual simplex: the loop, the build at its head, limits, the log line, the optimum and its
-// clean-up, and the finish of a run that the primal would otherwise take over.
+// clean-up, and the hand-over to the primal.
 #include <algorithm>
 #include <cmath>
 
 #include "model/callback.h"
 #include "simplex/dual.h"
+#include "simplex/primal.h"
 #include "simplex/simplex.h"
 #include "simplex/spxlog.h"
 
@@ -43,6 +44,33 @@ int dualRefactor(VRXlp* lp, Clock& clock) {
   pr->smallPivotRejects = 0;
   pr->freshFactor = 1;
   return 0;
+}
+
+void dualPricingRule(VRXlp* lp) {
+  VRXdualprice* pr = lp->pricing;
+  if (lp->priceMode == 2) {
+    if ((lp->dualSwitch >= 3 && lp->singularRepairs >= 1) || lp->iterCount > 3.0 * lp->m) {
+      lp->priceMode = 3;
+      dualResetNorms(lp);
+      dualMarkReference(lp);
+      log(lp->env, "simplex pricing changes to steepest edge\n");
+    }
+  } else if (lp->priceMode == 1 || lp->priceMode == 3) {
+    if (lp->outputLevel > 2) log(lp->env, "Norm_Num = %g, Row_Num=%g\n", pr->normNum, pr->rowNum);
+    if (pr->normNum > 3.0 * pr->rowNum) {
+      // Keeping the weights costs more than the rows they choose: devex is cheaper.
+      lp->priceMode = 2;
+      lp->devexWork = 0.0;
+      dualResetNorms(lp);
+      dualMarkReference(lp);
+    }
+  }
+  pr->normNum = pr->rowNum = 0.0;
+}
+
+void dualMarkReference(VRXlp* lp) {
+  const int nm = lp->n + lp->m;
+  for (int j = 0; j < nm; j++) lp->refFramework[j] = lp->varStat[j] < 0 ? 1 : 0;
 }
 
 namespace {
@@ -103,6 +131,7 @@ void atOptimum(VRXlp* lp, Clock& clock) {
     }
     if (pr->shiftsInForce) {
       // The perturbed costs may be what has no dual solution: try the true ones.
+      dualObjectiveUnscale<T>(lp);
       dualClearShifts(lp);
       pr->noPerturb = 1;
       pr->atStart = 1;
@@ -113,12 +142,8 @@ void atOptimum(VRXlp* lp, Clock& clock) {
     lp->status = -1004;
     return;
   }
-  if (pr->feasibilityRun) {
-    lp->status = 2;
-    lp->phase = 2;
-    return;
-  }
   if (pr->shiftsInForce) {
+    dualObjectiveUnscale<T>(lp);
     dualClearShifts(lp);
     dualComputeCbar<T>(lp, clock);
     dualObjective<T>(lp);
@@ -180,11 +205,10 @@ int dualLoop(VRXlp* lp, Clock& clock) {
       if (t) lp->actionCode = t;
     }
     if (lp->actionCode != 0) {
-      if (lp->priceMode == 2 && ((lp->dualSwitch >= 3 && lp->singularRepairs >= 1) || lp->iterCount > 3.0 * lp->m)) {
-        lp->priceMode = 3;
-        dualResetNorms(lp);
-        log(env, "simplex pricing changes to steepest edge\n");
-      }
+      // On large LPs the automatic pricing weighs the cost of the weights every third build.
+      if (lp->priceChoice == -1 && lp->refactorCount % 3 == 2 && lp->n <= 3.0 * lp->m && lp->m >= 15000 &&
+          lp->exactNorm != 1)
+        dualPricingRule(lp);
       int rc = dualRefactor<T>(lp, clock);
       if (rc == 12) {
         lp->status = 12;
@@ -282,6 +306,7 @@ int dualLoop(VRXlp* lp, Clock& clock) {
 template <class T>
 int dualFinish(VRXlp* lp, Clock& clock) {
   VRXdualprice* pr = lp->pricing;
+  dualObjectiveUnscale<T>(lp);
   if (pr->boxPhase) {
     dualBoxLeave<T>(lp);
     lp->actionCode = std::max(lp->actionCode, 2);
@@ -319,7 +344,14 @@ using namespace vrx::dual;
 
 int VRXdualSolveCore(VRXlp* lp, Clock& clock) {
   int rc = lp->quadMode ? dualLoop<long double>(lp, clock) : dualLoop<double>(lp, clock);
-  if (rc) return rc;
+  if (rc) {
+    // The objective leaves in the units it came in, whatever the end.
+    if (lp->quadMode)
+      dualObjectiveUnscale<long double>(lp);
+    else
+      dualObjectiveUnscale<double>(lp);
+    return rc;
+  }
   rc = lp->quadMode ? dualFinish<long double>(lp, clock) : dualFinish<double>(lp, clock);
   if (rc) return rc;
   if (lp->status == 2 && lp->cutoff < kInf && lp->dualObj >= lp->cutoff) lp->status = 6;
@@ -334,64 +366,6 @@ int VRXdualSolveCore(VRXlp* lp, Clock& clock) {
   return 0;
 }
 
-namespace {
-
-// No dual feasible basis exists: a run with zero costs tells unbounded from infeasible.
-int decideUnbounded(VRXlp* lp, Clock& clock) {
-  VRXdualprice* pr = lp->pricing;
-  const int nm = lp->n + lp->m;
-  for (int j = 0; j < nm; j++) pr->costShift[j] = -lp->cost[j];
-  pr->shiftsInForce = 1;
-  pr->feasibilityRun = 1;
-  pr->noPerturb = 1;
-  pr->atStart = 0;
-  pr->dualInfeasible = 0;
-  lp->status = 1;
-  lp->actionCode = 6;
-  int rc = VRXdualSolveCore(lp, clock);
-  pr->feasibilityRun = 0;
-  if (rc) return rc;
-  if (lp->status == 2) lp->status = 5;
-  return 0;
-}
-
-}  // namespace
-
-int VRXdualFinishWithoutPrimal(VRXlp* lp, Clock& clock) {
-  VRXdualprice* pr = lp->pricing;
-  for (int round = 0; round < 12; round++) {
-    if (lp->status == -1002) {
-      // No rescue routine to hand to: singular bases are repaired by slacks from here on.
-      pr->noRescue = 1;
-    } else if (lp->status == -1004) {
-      if (pr->dualInfeasible) return decideUnbounded(lp, clock);
-      // Perturbation or shifts left the true costs dual infeasible: run again without them,
-      // with a narrower Harris pass each time so that the shifts it needs shrink.
-      pr->noPerturb = 1;
-      pr->harrisTol = std::max(1e-12, 0.1 * std::min(pr->harrisTol, lp->optTol));
-      lp->perturbCur = 0.0;
-      pr->atStart = 1;
-    } else if (lp->status == 2 && lp->fixedCount > 0) {
-      // Columns a singular basis pushed out were held at a bound: let them go again.
-      for (int k = 0; k < lp->fixedCount; k++) {
-        const int j = lp->fixedList[k];
-        if (lp->varStat[j] < VRX_VS_FREE && lp->varStat[j] >= VRX_VS_FIX_FREE) lp->varStat[j] += VRX_VS_RELEASE_SHIFT;
-      }
-      lp->fixedCount = 0;
-      lp->markowitzTol = std::max(lp->markowitzTol, 0.5);
-      pr->atStart = 1;
-    } else {
-      return 0;
-    }
-    lp->status = 1;
-    lp->actionCode = 6;
-    int rc = VRXdualSolveCore(lp, clock);
-    if (rc) return rc;
-  }
-  if (lp->status == -1004 || lp->status == -1002 || (lp->status == 2 && lp->fixedCount > 0)) lp->status = 12;
-  return 0;
-}
-
 int VRXdualSolve(VRXlp* lp, Clock& clock) {
   if (!lp) return VRX_ERROR_NULL_ARGUMENT;
   if (lp->status != 1) return 0;  // the load found bad bounds
@@ -400,8 +374,15 @@ int VRXdualSolve(VRXlp* lp, Clock& clock) {
   if (rc) return rc;
   rc = VRXdualSolveCore(lp, clock);
   if (rc) return rc;
-  // The primal takes -1004 over once the driver routes it there.
-  if (lp->status == -1004 || lp->status == -1002 || (lp->status == 2 && lp->fixedCount > 0))
-    rc = VRXdualFinishWithoutPrimal(lp, clock);
-  return rc;
+  // A rescue request (-1002) and an optimum with temporary fixings go back to the caller's
+  // loop as they are; a hand-over first puts the record in the primal's form.
+  if (lp->status == -1004) {
+    // The caller's loop runs the primal next, on the true costs and from this basis.
+    if (VRXprimalFromDual(lp) < 0) {
+      lp->status = 12;
+      return 0;
+    }
+    lp->status = -1004;
+  }
+  return 0;
 }

@@ -10,7 +10,8 @@
 // right-hand side is zero: the loop then solves the problem whose optimum tells whether a
 // dual feasible basis exists and gives one.
 // On exit the costs are the true ones again (costShift cleared, Cbar recomputed), also at a
-// hand-over (-1004); Bbar is against the true bounds.
+// hand-over (-1004), which leaves the record ready for the primal; Bbar is against the true
+// bounds.
 #pragma once
 
 #include <cstdint>
@@ -32,9 +33,12 @@ struct VRXdualprice {
   int fullPricing;   // 1: scan every position each iteration
   int weightMode;    // 0 none, 1 column and row weight, 2 row weight only, -1 recompute
   double ftranDensity;
-  double rowNum, normNum, scratch;
+  double rowNum, normNum, scratch;  // work of the pivot rows and of the weights since the last check
   double* rowWeight;  // m
   double* colWeight;  // n+m
+  double* storedNorm;  // n+m: norms given with a start, by variable (VRXdualLoadNorms)
+  int storedValid;     // 1 while storedNorm holds norms for the next start
+  int prepared;        // 1 once a run was prepared on this record
 
   // ---- beyond the shared field list ----
   int nm;               // n + m the arrays were made for
@@ -75,9 +79,8 @@ struct VRXdualprice {
   int dualInfeasible;   // the box phase ended with dual infeasibilities left: no dual solution
   int atStart;          // the next compute is the first of the run: the box phase may start
   int needExactNorms;   // the next build is followed by exact weights
-  double harrisTol;     // width of the Harris pass; narrower in clean-up re-runs
+  double harrisTol;     // width of the Harris pass
   int acceptSmall;      // every row was turned away for a small pivot: take the best now
-  int feasibilityRun;   // 1 while the zero-cost run decides feasibility after that
   uint64_t seedBase;
 };
 
@@ -177,9 +180,21 @@ int dualRefactor(VRXlp* lp, Clock& clock);
 void dualShift(VRXlp* lp, int j, double v);
 // Clears every shift and perturbation; the caller recomputes Cbar.
 void dualClearShifts(VRXlp* lp);
+// Multiplies costs, shifts, Cbar and the objective factors by the power of two f and keeps
+// it in extraScale; the unscale divides every such factor back out (exact for powers of two).
+template <class T>
+void dualObjectiveScale(VRXlp* lp, double f);
+template <class T>
+void dualObjectiveUnscale(VRXlp* lp);
 // Applies the cost perturbation to the nonbasic variables.
 template <class T>
 void dualPerturb(VRXlp* lp);
+
+// The automatic switches between steepest edge and devex, by the work the weights cost
+// (normNum) against the work of the pivot rows (rowNum); both sums restart.
+void dualPricingRule(VRXlp* lp);
+// The reference framework of the weights: every nonbasic variable.
+void dualMarkReference(VRXlp* lp);
 
 // Entering and leaving the box phase.
 template <class T>
@@ -206,15 +221,17 @@ void dualInfeasSums(VRXlp* lp);
 // Creates or refreshes lp->pricing and the start state of a dual run. startStatus nonzero
 // means the basis came from a start. 0 or 10001.
 int VRXdualPrepare(VRXlp* lp, int startStatus, double* work);
+// Norms that come with a start basis (the VDualNorm and CDualNorm of a model: n structural
+// then m row entries), taken for the variables basic in varStat at the next VRXdualPrepare,
+// which then keeps steepest edge without exact norms. They are kept, and loadKind becomes 3,
+// only when every basic variable has a positive finite norm; returns 1 then, 0 when they
+// are refused, or 10001 / 10005 (no status array).
+int VRXdualLoadNorms(VRXlp* lp, const double* vNorm, const double* cNorm);
+// The weights of the current basis by variable (0 for nonbasic ones), in the same form.
+// 0, or 10005 without a pricing record.
+int VRXdualGetNorms(const VRXlp* lp, double* vNorm, double* cNorm);
 // Frees lp->pricing; the pointer becomes null. Safe on null.
 void VRXdualpriceFree(VRXlp* lp);
 
-// What the dual does with a hand-over it would give to the primal (status -1004), and with a
-// rescue request (-1002) while no rescue routine exists, and with columns a singular basis
-// fixed temporarily: it finishes the solve itself, by re-running the dual without
-// perturbation from the basis it has, by releasing the fixings and re-running, or by deciding
-// between unbounded and infeasible when no dual feasible basis exists. VRXdualSolve calls it at its
-// end; a driver that routes -1004 to the primal takes that call out.
-int VRXdualFinishWithoutPrimal(VRXlp* lp, vrx::Clock& clock);
 // The dual loop alone: ends with any status, -1004 and -1002 included.
 int VRXdualSolveCore(VRXlp* lp, vrx::Clock& clock);

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "model/model.h"
+#include "model/modeldata.h"
 #include "simplex/dual.h"
 
 namespace vrx {
@@ -437,6 +438,43 @@ static int shiftDualInfeasible(VRXlp* lp, bool atLoad) {
   return count;
 }
 
+// Largest dual infeasibility of a nonbasic, tolerance or not, in solver units.
+template <class T>
+static double maxDualInfeas(VRXlp* lp) {
+  View<T> v = view<T>(lp);
+  const int nm = lp->n + lp->m;
+  double w = 0.0;
+  for (int j = 0; j < nm; j++) {
+    const int st = lp->varStat[j];
+    if (st >= 0 || isTempFixed(st)) continue;
+    const double c = static_cast<double>(v.Cbar[j]);
+    w = std::max(w, st == VRX_VS_FREE ? std::fabs(c) : -c);
+  }
+  return w;
+}
+
+template <class T>
+void dualObjectiveScale(VRXlp* lp, double f) {
+  View<T> v = view<T>(lp);
+  VRXdualprice* pr = lp->pricing;
+  const int nm = lp->n + lp->m;
+  for (int j = 0; j < nm; j++) {
+    lp->cost[j] *= f;
+    pr->costShift[j] *= f;
+    v.Cbar[j] *= T(f);
+  }
+  lp->objScale *= f;
+  if (lp->copy) lp->copy->objScale *= f;
+  lp->extraScale *= f;
+  pr->objWork *= f;
+}
+
+template <class T>
+void dualObjectiveUnscale(VRXlp* lp) {
+  if (lp->extraScale != 1.0) dualObjectiveScale<T>(lp, 1.0 / lp->extraScale);
+  lp->extraScale = 1.0;
+}
+
 template <class T>
 void dualPerturb(VRXlp* lp) {
   View<T> v = view<T>(lp);
@@ -444,6 +482,15 @@ void dualPerturb(VRXlp* lp) {
   if (lp->perturbKind == 3 && lp->perturbCur >= 0.01) {
     lp->status = -1004;
     return;
+  }
+  if (lp->perturbKind < 2 && lp->objScale >= 1.0) {
+    // Larger costs make the same perturbation relatively smaller: as large as the dual
+    // infeasibilities left allow, with a margin of two.
+    const double inf = maxDualInfeas<T>(lp);
+    double f = 64.0;
+    while (f > 1.0 && !(inf * f < lp->optTol)) f *= 0.5;
+    f = f <= 2.0 ? 1.0 : 0.5 * f;
+    if (f > 1.0) dualObjectiveScale<T>(lp, f);
   }
   Random rng;
   randomSeed(rng, pr->seedBase + static_cast<uint64_t>(lp->iterCount));
@@ -506,7 +553,7 @@ int VRXdualCompute(VRXlp* lp, Clock& clock) {
   double worst = 0.0;
   flipDualInfeasible<T>(lp, &nonflip, &worst);
   if (nonflip > 0) {
-    if (pr->atStart && !pr->boxPhase && !pr->feasibilityRun) {
+    if (pr->atStart && !pr->boxPhase) {
       dualBoxEnter<T>(lp);
       flipDualInfeasible<T>(lp, &nonflip, &worst);
     }
@@ -551,14 +598,17 @@ int VRXdualCompute(VRXlp* lp, Clock& clock) {
   dualObjective<T>(lp);
 
   // Perturbation gate: a run of degenerate pivots since the last test perturbs the costs.
-  if (!pr->noPerturb && !pr->feasibilityRun && lp->perturbCur > 0.0 && lp->iterCount > 0) {
+  if (!pr->noPerturb && lp->perturbCur > 0.0 && lp->iterCount > 0) {
     const int k = (lp->dualSwitch >= 3 && lp->perturbKind >= 3)   ? 10000
                   : (lp->dualSwitch < 3 && lp->perturbKind <= 2) ? 2
                                                                  : 5;
     if (lp->refactorCount % k == 1) {
       const double iters = lp->iterCount - pr->lastTestIter;
       const int degen = lp->degenPivots - pr->lastTestDegen;
-      if (iters > 0 && degen > 0.9 * iters && lp->perturbKind < 3) {
+      // A dual bound that did not rise since the last record counts as a stall too.
+      const bool stalled = lp->dualObjValid && lp->bestDualObj > -kInf &&
+                           lp->dualObj < lp->bestDualObj + maxDualInfeas<T>(lp) / lp->objScale;
+      if (((iters > 0 && degen > 0.9 * iters) || stalled) && lp->perturbKind < 3) {
         dualPerturb<T>(lp);
         if (lp->status != 1) return 0;
         dualObjective<T>(lp);
@@ -584,7 +634,7 @@ void VRXdualpriceFree(VRXlp* lp) {
   void* blocks[] = {pr->costShift, pr->dualNorm, pr->candList,  pr->score,    pr->scoreBuf,
                     pr->rowWeight, pr->colWeight, pr->boxLower, pr->boxUpper, pr->cand,
                     pr->candRatio, pr->candGain,  pr->flipList, pr->rowMark,  pr->touched,
-                    pr->candA,     pr->candC};
+                    pr->candA,     pr->candC,     pr->storedNorm};
   for (void* p : blocks) vrx::envFree(env, p);
   vrx::envFree(env, pr);
   lp->pricing = nullptr;
@@ -617,7 +667,8 @@ int allocPricing(VRXlp* lp) {
   pr->flipList = envCallocArray<int>(env, nm);
   pr->rowMark = envCallocArray<char>(env, m);
   pr->touched = envCallocArray<int>(env, 2 * m);
-  if (!pr->costShift || !pr->dualNorm || !pr->candList || !pr->score || !pr->scoreBuf || !pr->rowWeight ||
+  pr->storedNorm = envCallocArray<double>(env, nm);
+  if (!pr->storedNorm || !pr->costShift || !pr->dualNorm || !pr->candList || !pr->score || !pr->scoreBuf || !pr->rowWeight ||
       !pr->colWeight || !pr->boxLower || !pr->boxUpper || !pr->cand || !pr->candRatio || !pr->candGain || !pr->candA || !pr->candC ||
       !pr->flipList || !pr->rowMark || !pr->touched) {
     VRXdualpriceFree(lp);
@@ -650,19 +701,60 @@ void sanitizeStatuses(VRXlp* lp) {
 
 }  // namespace
 
+int VRXdualLoadNorms(VRXlp* lp, const double* vNorm, const double* cNorm) {
+  if (!lp || !lp->varStat) return VRX_ERROR_DATA_NOT_AVAILABLE;
+  const int n = lp->n, m = lp->m;
+  if (lp->pricing && (lp->pricing->nm != n + m || lp->pricing->mAlloc != m)) VRXdualpriceFree(lp);
+  if (!lp->pricing) {
+    int rc = allocPricing(lp);
+    if (rc) return rc;
+  }
+  VRXdualprice* pr = lp->pricing;
+  pr->storedValid = 0;
+  if (!vNorm || !cNorm) return 0;
+  for (int j = 0; j < n + m; j++) {
+    const double w = j < n ? vNorm[j] : cNorm[j - n];
+    if (lp->varStat[j] >= 0 && !(w > 0.0 && w < vrx::kInf)) return 0;
+    pr->storedNorm[j] = w;
+  }
+  pr->storedValid = 1;
+  lp->loadKind = 3;
+  return 1;
+}
+
+int VRXdualGetNorms(const VRXlp* lp, double* vNorm, double* cNorm) {
+  if (!lp || !lp->pricing || !lp->varStat) return VRX_ERROR_DATA_NOT_AVAILABLE;
+  const int n = lp->n, m = lp->m;
+  for (int j = 0; j < n + m; j++) {
+    const int p = lp->varStat[j];
+    const double w = p >= 0 && p < m ? lp->pricing->dualNorm[p] : 0.0;
+    if (j < n)
+      vNorm[j] = w;
+    else
+      cNorm[j - n] = w;
+  }
+  return 0;
+}
+
 int VRXdualPrepare(VRXlp* lp, int startStatus, double* work) {
   VRXenv* env = lp->env;
   const vrx::ParamStore& par = env->par;
   const int m = lp->m, n = lp->n;
   if (lp->pricing && (lp->pricing->nm != n + m || lp->pricing->mAlloc != m)) VRXdualpriceFree(lp);
-  const bool fresh = lp->pricing == nullptr;
-  if (fresh) {
+  // Weights are the record's own only after a run prepared it (stored norms may have made it).
+  const bool fresh = lp->pricing == nullptr || !lp->pricing->prepared;
+  if (!lp->pricing) {
     int rc = allocPricing(lp);
     if (rc) return rc;
   }
   VRXdualprice* pr = lp->pricing;
   if (work) *work += 5.0 * (n + m) * lp->workFactor;
 
+  // A run that stopped early may have left its objective scale on.
+  if (lp->quadMode)
+    vrx::dual::dualObjectiveUnscale<long double>(lp);
+  else
+    vrx::dual::dualObjectiveUnscale<double>(lp);
   vrx::dual::dualClearShifts(lp);
   lp->smallPivotCount = 0;
   lp->smallPivotVar = -1;
@@ -715,16 +807,29 @@ int VRXdualPrepare(VRXlp* lp, int startStatus, double* work) {
   pr->ftranDensity = 0.0;
   pr->rowNum = pr->normNum = 0.0;
 
-  // Pricing mode and the start weights.
+  // Pricing mode and the start weights: stored norms of the start (loadKind 3), exact ones,
+  // or unit weights against the start basis as reference.
   lp->priceMode = lp->priceChoice >= 0 ? lp->priceChoice : 1;
   bool allSlack = true;
   for (int j = 0; j < n && allSlack; j++) allSlack = lp->varStat[j] < 0;
-  if (lp->priceMode == 1 && !allSlack && lp->exactNorm != 1 && (fresh || lp->normsStale)) {
+  const bool stored = lp->loadKind == 3 && pr->storedValid;
+  if (lp->priceMode == 1 && !allSlack && lp->exactNorm != 1 && !stored && (fresh || lp->normsStale)) {
     const bool keep = lp->exactNorm == -1 && n > 100.0 * m && n > 0.1 * static_cast<double>(m) * m;
     if (!keep) lp->priceMode = 3;
   }
-  pr->needExactNorms = lp->priceMode == 1 && !allSlack && (fresh || lp->normsStale) && lp->exactNorm == 1;
-  if (fresh || lp->normsStale || lp->priceMode == 0) vrx::dual::dualResetNorms(lp);
+  pr->needExactNorms = lp->priceMode == 1 && !allSlack && !stored && (fresh || lp->normsStale) && lp->exactNorm == 1;
+  if (stored && (lp->priceMode == 1 || lp->priceMode == 3)) {
+    for (int j = 0; j < n + m; j++)
+      if (lp->varStat[j] >= 0 && lp->varStat[j] < m) pr->dualNorm[lp->varStat[j]] = pr->storedNorm[j];
+    pr->updatesSinceNorm = 0;
+    lp->normsStale = 0;
+  } else if (fresh || lp->normsStale || lp->priceMode == 0) {
+    vrx::dual::dualResetNorms(lp);
+  }
+  // The stored norms serve this start only.
+  if (lp->loadKind == 3) lp->loadKind = 2;
+  pr->storedValid = 0;
+  if (lp->priceMode == 2 || lp->priceMode == 3) vrx::dual::dualMarkReference(lp);
 
   pr->lo = lp->lower;
   pr->up = lp->upper;
@@ -741,12 +846,12 @@ int VRXdualPrepare(VRXlp* lp, int startStatus, double* work) {
   pr->lastTestIter = lp->iterCount;
   pr->lastTestDegen = 0;
   pr->dualInfeasible = 0;
-  pr->feasibilityRun = 0;
   pr->atStart = 1;
   pr->seedBase = static_cast<uint64_t>(par.Seed) * 1000003u + 12345u;
   sanitizeStatuses(lp);
   std::memset(lp->rowFlag, 0, static_cast<size_t>(m));
   if (lp->actionCode == 0) lp->actionCode = 1;
+  pr->prepared = 1;
   return 0;
 }
 
@@ -761,6 +866,8 @@ int VRXdualPrepare(VRXlp* lp, int startStatus, double* work) {
   template void vrx::dual::dualBoxEnter<T>(VRXlp*);                               \
   template void vrx::dual::dualBoxLeave<T>(VRXlp*);                               \
   template void vrx::dual::dualPerturb<T>(VRXlp*);                                \
+  template void vrx::dual::dualObjectiveScale<T>(VRXlp*, double);                 \
+  template void vrx::dual::dualObjectiveUnscale<T>(VRXlp*);                       \
   template int vrx::dual::VRXdualCompute<T>(VRXlp*, vrx::Clock&);                \
   template int vrx::dual::dualCountDualInfeas<T>(VRXlp*, bool, double*);
 VRX_DUAL_COMPUTE_INST(double)

@@ -332,9 +332,11 @@ int VRXdualRatio(VRXlp* lp, Clock& clock) {
   rho->value[r] = T(1);
   rho->index[0] = r;
   rho->count = 1;
+  const double rowWork0 = v.factor->solveWork + clock.work;
   int rc = VRXbtran(v.factor, rho, rho, 0, &clock.work);
   if (rc) return rc;
   buildPivotRow<T>(lp, clock, v);
+  pr->rowNum += v.factor->solveWork + clock.work - rowWork0;
 
   // Break points: Cbar_j + s a_j with a_j < 0 reaches 0 at s = Cbar_j / -a_j.
   const VRXsvecT<T>* row = v.row;
@@ -478,9 +480,35 @@ int VRXdualRatio(VRXlp* lp, Clock& clock) {
     return 0;
   }
 
+  // A retried row whose pivot is still small: a passed break point with a pivot ten times
+  // larger takes the step at zero length, else the row's numbers are not to be trusted.
+  bool zeroStep = false;
+  if (pr->acceptSmall && aq < 10.0 * lp->pivotTol) {
+    log(lp->env, "small pivot %g\n", aq);
+    int alt = -1;
+    for (int s = 0; s < nFlip; s++) {
+      const int slot = order[s];
+      if (candA[slot] >= 10.0 * aq && (alt < 0 || candA[slot] > candA[alt])) alt = slot;
+    }
+    if (alt >= 0) {
+      qSlot = alt;
+      q = pr->cand[alt];
+      zeroStep = true;
+    } else if (aq > optTol / 10.0) {
+      log(lp->env, "switch to primal because the chance of primal infeasibility\n");
+      lp->status = -1004;
+      return 3;
+    } else if (delta < 10.0 * lp->feasTol && lp->markowitzTol <= 0.3) {
+      // A tiny infeasibility on a row of tiny pivots: a stricter factor decides.
+      lp->markowitzTol = 0.5;
+      lp->actionCode = 5;
+      return 3;
+    }
+  }
+
   // The step; a chosen column that is a little infeasible is shifted to zero.
   double cq = candC[qSlot];
-  if (cq < 0.0) {
+  if (cq < 0.0 || (zeroStep && cq != 0.0)) {
     const int st = lp->varStat[q];
     const bool turned = st == VRX_VS_FREE && dir * signOf(st) * static_cast<double>(row->value[q]) > 0;
     const double v0 = turned ? cq : -cq;
@@ -495,6 +523,7 @@ int VRXdualRatio(VRXlp* lp, Clock& clock) {
   // The passed break points flip; the objective gains along the pieces.
   double objGain = delta * step;
   int nf = 0;
+  if (zeroStep) nFlip = 0;
   for (int s = 0; s < nFlip; s++) {
     const int slot = order[s];
     if (slot == qSlot) continue;
@@ -559,29 +588,39 @@ int VRXdualPivot(VRXlp* lp, Clock& clock) {
     }
   }
 
-  // Steepest edge needs B^-1 rho before the basis changes.
+  // Steepest edge needs B^-1 rho before the basis changes. Against a reference framework
+  // (modes 2 and 3) only the rows whose slack is outside it count.
   const bool dse = lp->priceMode == 1 || lp->priceMode == 3;
+  const char* outside = nullptr;
+  if (lp->priceMode == 2 || lp->priceMode == 3) outside = lp->refFramework + n;
+  const double normWork0 = f->solveWork + clock.work;
   T tau = T(0);
   const VRXsvecT<T>* rho = v.rho;
-  if (rho->count >= 0) {
-    for (int k = 0; k < rho->count; k++) tau += rho->value[rho->index[k]] * rho->value[rho->index[k]];
-  } else {
-    for (int i = 0; i < m; i++) tau += rho->value[i] * rho->value[i];
-  }
   VRXsvecT<T>* sig = v.w1;
-  if (dse) {
-    clearVec(sig, n + m + 1);
-    if (rho->count >= 0) {
-      for (int k = 0; k < rho->count; k++) {
-        const int i = rho->index[k];
-        sig->value[i] = rho->value[i];
-        sig->index[k] = i;
+  if (dse) clearVec(sig, n + m + 1);
+  if (rho->count >= 0) {
+    int c = 0;
+    for (int k = 0; k < rho->count; k++) {
+      const int i = rho->index[k];
+      if (outside && outside[i]) continue;
+      const T x = rho->value[i];
+      tau += x * x;
+      if (dse) {
+        sig->value[i] = x;
+        sig->index[c++] = i;
       }
-      sig->count = rho->count;
-    } else {
-      for (int i = 0; i < m; i++) sig->value[i] = rho->value[i];
-      sig->count = -1;
     }
+    if (dse) sig->count = c;
+  } else {
+    for (int i = 0; i < m; i++) {
+      if (outside && outside[i]) continue;
+      const T x = rho->value[i];
+      tau += x * x;
+      if (dse) sig->value[i] = x;
+    }
+    if (dse) sig->count = -1;
+  }
+  if (dse) {
     rc = VRXftran(f, sig, sig, 0, 0, &clock.work);
     if (rc) return rc;
   }
@@ -721,7 +760,7 @@ int VRXdualPivot(VRXlp* lp, Clock& clock) {
     }
     w[r] = t == 0.0 ? 1e-8 : std::max(1e-8, t / (ac * ac));
     clearVec(sig, m);
-    pr->normNum += 1.0;
+    pr->normNum += f->solveWork + clock.work - normWork0 + colCount;
   } else if (lp->priceMode == 2) {
     const double wr = std::max(w[r] / (ac * ac), 1.0);
     auto upd = [&](int p) {
@@ -740,6 +779,7 @@ int VRXdualPivot(VRXlp* lp, Clock& clock) {
     if (lp->devexWork > 30.0 * m) {
       lp->devexWork = 0.0;
       dualResetNorms(lp);
+      dualMarkReference(lp);
     }
   }
   pr->updatesSinceNorm++;

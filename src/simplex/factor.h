@@ -123,6 +123,7 @@ struct VRXfactorT {
 
   int singletonCount;
   int denseDim;     // order of the block the last build factored densely, 0 when none
+  int cheapPivots;  // pivots of the last build searched in the cheapest count lists only
   int lastUsedPos;  // positions in use in rowPerm
   int nUpdatesDone;
   int updateLimit;
@@ -137,6 +138,7 @@ struct VRXfactorT {
   int* etaInd;
   T* etaVal;
   int64_t etaCap;
+  int* etaFirst;  // per row: 1 + the first eta holding an entry in it, 0 when none
 
   // Build arena: the active matrix row-wise, grown by 1.5 when a build returns -1.
   int* uArena;
@@ -150,6 +152,9 @@ struct VRXfactorT {
 
   double solveWork;
   double solveWorkRate;
+  int lastStages;    // kernels of the last solve: 1 L hyper-sparse, 2 U hyper-sparse
+  int lastLCount;    // entries that went into the L stage of the last solve, -1 dense
+  int lastEtaStart;  // first row eta the last ftran applied (rowEtaCount: none)
   int sparseRatio;
   int64_t lzNz, uNz;
   double workAtBuild;
@@ -226,13 +231,16 @@ int VRXfactorSetUpdateLimit(VRXfactorT<T>* f, int updateLimit);
 // Returns the number of unpivoted columns (0: success; otherwise the positions and rows are
 // in unpivotedPos/pivotlessRow; a nucleus left with entries at most zeroTol only counts as
 // unpivoted), -1 when the build arena is too small (grow uArenaCap by 1.5 and retry),
-// -10001 out of memory, -10003 a bad variable index or a repeated row in a column.
+// -10001 out of memory, -10003 a bad variable index or a repeated row in a column, -10014
+// when the nucleus keeps an entry above zeroTol that no pivot search accepts (not finite).
 template <class T>
 int VRXfactorBuild(VRXfactorT<T>* f, const VRXfactorMatrix* A, const int* basisHead, double zeroTol,
                    double markowitzTol, double workFactor, double* work);
 
 // Build with the arena retry and the Markowitz tightening. Returns 0 or an error code;
-// *unpivoted is the number of columns left without pivot (0 when the factor is valid).
+// *unpivoted is the number of columns left without pivot (0 when the factor is valid). A
+// build that finds no usable pivot (-10014) is retried at Markowitz tolerance 0.5, then
+// sets ctl->status -1002 when a saved state exists for the rescue, else returns 12.
 template <class T>
 int VRXfactorFactorize(VRXfactorT<T>* f, const VRXfactorMatrix* A, const int* basisHead,
                        VRXfactorCtl* ctl, double* work, int* unpivoted);

@@ -391,8 +391,9 @@ T refreshRowMax(F<T>* f, int r) {
   return mx;
 }
 
+// Searches the count lists up to maxCount; the search stops early by the usual bound.
 template <class T>
-bool findPivot(F<T>* f, double u, double zeroTol, int* pr, int* pc, int64_t* ops) {
+bool findPivot(F<T>* f, double u, double zeroTol, int maxCount, int* pr, int* pc, int64_t* ops) {
   VRXfactorBuildWork<T>& b = f->bw;
   const int m = f->m;
   const int nucleus = m - b.pivots;
@@ -409,7 +410,7 @@ bool findPivot(F<T>* f, double u, double zeroTol, int* pr, int* pc, int64_t* ops
       bestC = c;
     }
   };
-  for (int k = 1; k <= m; k++) {
+  for (int k = 1; k <= maxCount; k++) {
     int64_t bound = static_cast<int64_t>(k) * k;
     if (bestR >= 0 && bestMerit <= bound) break;
     for (int c = b.ccHead[k]; c >= 0;) {
@@ -706,6 +707,7 @@ int finish(F<T>* f, int64_t lTop, double wf, double* work) {
     double d = static_cast<double>(z) / m + 1.0;
     f->sparseRatio = static_cast<int>(std::min<double>(m, 5.0 * d * d));
   }
+  for (int64_t e = 0; e < f->etaBeg[f->rowEtaCount]; e++) f->etaFirst[f->etaInd[e]] = 0;
   f->nUpdatesDone = 0;
   f->rowEtaCount = 0;
   f->rowEtaNz = 0;
@@ -737,7 +739,7 @@ void VRXfactorFree(VRXfactorT<T>** fp) {
       f->lColOfRow,    f->lColBeg,      f->lColInd,    f->lColVal,   f->lRowBeg,    f->lRowInd,
       f->lRowVal,      f->lRowList,     f->diag,       f->uRowBeg,   f->uRowEnd,    f->uRowCap,
       f->uRowInd,      f->uRowVal,      f->uColBeg,    f->uColEnd,   f->uColInd,    f->uColVal,
-      f->etaBeg,       f->etaPivotRow,  f->etaInd,     f->etaVal,    f->uArena,     f->uArenaVal,
+      f->etaBeg,       f->etaPivotRow,  f->etaInd,     f->etaVal,    f->etaFirst,   f->uArena,     f->uArenaVal,
       f->unpivotedPos, f->pivotlessRow, f->wv,         f->wi,        f->inList,     f->visited,
       f->stack,        f->stackPos,     f->reach,      f->bw.rBeg,   f->bw.rCap,    f->bw.rLen,
       f->bw.rArNext,   f->bw.rArPrev,   f->bw.cBeg,    f->bw.cCap,   f->bw.cLen,    f->bw.cArNext,
@@ -797,6 +799,7 @@ int VRXfactorCreate(VRXenv* env, int m, int updateLimit, VRXfactorT<T>** out) {
   L(&f->uColEnd, M);
   L(&f->etaBeg, U);
   I(&f->etaPivotRow, U);
+  ok = ok && (f->etaFirst = envCallocArray<int>(env, M)) != nullptr;
   I(&f->unpivotedPos, M);
   I(&f->pivotlessRow, M);
   V(&f->wv, M);
@@ -848,6 +851,7 @@ int VRXfactorCreate(VRXenv* env, int m, int updateLimit, VRXfactorT<T>** out) {
     return VRX_ERROR_OUT_OF_MEMORY;
   }
   for (int p = 0; p < m; p++) f->basisHead[p] = -1;
+  f->etaBeg[0] = 0;
   *out = f;
   return 0;
 }
@@ -887,6 +891,7 @@ int VRXfactorBuild(VRXfactorT<T>* f, const VRXfactorMatrix* A, const int* basisH
   f->valid = 0;
   f->unpivotedCount = 0;
   f->denseDim = 0;
+  f->cheapPivots = 0;
   f->solveWorkRate = workFactor;
   f->dropTol = env->par.VORN_PAR_ZERO;
   if (f->spikeValid) vrx::svecClear(&f->spike, m);
@@ -1068,8 +1073,32 @@ int VRXfactorBuild(VRXfactorT<T>* f, const VRXfactorMatrix* A, const int* basisH
         b.denseFailed = 1;
       }
     }
+    // A sparse nucleus of middle size whose cheapest row and column lists are short enough
+    // to give a good pivot: only those lists are searched.
     int pr, pc;
-    if (!findPivot(f, markowitzTol, zeroTol, &pr, &pc, &ops)) break;
+    bool found = false;
+    if (r > 200 && r < 10000 && static_cast<double>(b.activeNz) < 0.25 * static_cast<double>(r * r)) {
+      int cMin = 1, rMin = 1;
+      while (cMin <= m && b.ccHead[cMin] < 0) cMin++;
+      while (rMin <= m && b.rcHead[rMin] < 0) rMin++;
+      ops += cMin + rMin;
+      if (cMin <= m && rMin <= m && static_cast<double>(cMin) * rMin <= 0.1 * static_cast<double>(r)) {
+        found = findPivot(f, markowitzTol, zeroTol, std::min(cMin, rMin), &pr, &pc, &ops);
+        f->cheapPivots += found;
+      }
+    }
+    if (!found && !findPivot(f, markowitzTol, zeroTol, m, &pr, &pc, &ops)) {
+      // Entries at most zeroTol are no pivots: those columns go to the repair. An entry
+      // above it that no search accepts is not a number the elimination can use.
+      const T tz = T(zeroTol);
+      for (int i = 0; i < m; i++) {
+        if (b.rState[i] == 1) continue;
+        const T* v = f->uArenaVal + b.rBeg[i];
+        for (int k = 0; k < b.rLen[i]; k++)
+          if (!(absT(v[k]) <= tz)) return -10014;
+      }
+      break;
+    }
     rc = eliminate(f, pr, pc, kNucleus, &lTop, &qn, &ops);
     if (rc) return rc;
   }

@@ -124,6 +124,20 @@ int VRXfactorFactorize(VRXfactorT<T>* f, const VRXfactorMatrix* A, const int* ba
       if (g) return g;
       continue;
     }
+    if (rc == -10014) {
+      // A nucleus entry no pivot search can take (not finite, or lost in the lists): a
+      // stricter tolerance first, then the rescue routine, else the run ends.
+      if (ctl->markowitzTol < 0.5) {
+        ctl->markowitzTol = 0.5;
+        vrx::log(f->env, "Warning: Markowitz tolerance tightened to %g\n", ctl->markowitzTol);
+        continue;
+      }
+      if (ctl->hasSavedState) {
+        ctl->status = -1002;
+        return 0;
+      }
+      return 12;
+    }
     if (rc < -1) return -rc;
     if (rc > 0) {
       *unpivoted = rc;

@@ -112,6 +112,33 @@ bool lHyper(const F<T>* f) {
   return f->wcount >= 0 && static_cast<int64_t>(f->wcount) * f->sparseRatio <= f->m;
 }
 
+// btran's L stage runs over the rows of L, whose reach differs from that of its columns. A
+// vector of at most sqrt(m/10) entries stays hyper-sparse whatever the fill. A longer one
+// whose rows fan out little into a large L goes dense once some of its rows still carry L
+// entries; any other follows the fill rule of the forward solve.
+template <class T>
+bool btranLHyper(const F<T>* f) {
+  const int64_t c = f->wcount;
+  if (c < 0) return false;
+  const double m = f->m;
+  if (c == 0 || m >= 10.0 * static_cast<double>(c) * static_cast<double>(c)) return true;
+  const double lnz = static_cast<double>(f->lzNz);
+  if (10.0 * static_cast<double>(c) < lnz) {
+    int64_t s = 0, active = 0;
+    for (int64_t k = 0; k < c; k++) {
+      const int i = f->wi[k];
+      const int64_t len = f->lRowBeg[i + 1] - f->lRowBeg[i];
+      s += len;
+      active += len > 0;
+    }
+    if (s < 2 * c) {
+      const double fan = (lnz / 2.0) / static_cast<double>(c);
+      return !(static_cast<double>(active) * fan * fan > static_cast<double>(c));
+    }
+  }
+  return c * f->sparseRatio <= f->m;
+}
+
 // Writes the work vector to out (through map when given) and leaves the work all zero.
 template <class T>
 void storeWork(F<T>* f, VRXsvecT<T>* out, const int* map) {
@@ -253,7 +280,9 @@ template <class T>
 void ftranL(F<T>* f, int64_t* ops) {
   const T drop = T(f->dropTol);
   T* wv = f->wv;
+  f->lastLCount = f->wcount;
   if (lHyper(f)) {
+    f->lastStages |= 1;
     int top = dfsReach(f, f->lColBeg, nullptr, f->lColInd, f->lColOfRow, ops);
     for (int q = top; q < f->m; q++) {
       int r = f->reach[q];
@@ -281,7 +310,18 @@ void ftranL(F<T>* f, int64_t* ops) {
 template <class T>
 void ftranR(F<T>* f, int64_t* ops) {
   T* wv = f->wv;
-  for (int u = 0; u < f->rowEtaCount; u++) {
+  // A sparse vector meets no eta before the first one that holds one of its rows.
+  int start = 0;
+  if (f->wcount >= 0) {
+    start = f->rowEtaCount;
+    for (int k = 0; k < f->wcount && start > 0; k++) {
+      const int u = f->etaFirst[f->wi[k]] - 1;
+      if (u >= 0 && u < start) start = u;
+    }
+    *ops += f->wcount;
+  }
+  f->lastEtaStart = start;
+  for (int u = start; u < f->rowEtaCount; u++) {
     T s = T(0);
     for (int64_t e = f->etaBeg[u]; e < f->etaBeg[u + 1]; e++) s += f->etaVal[e] * wv[f->etaInd[e]];
     *ops += f->etaBeg[u + 1] - f->etaBeg[u];
@@ -298,6 +338,7 @@ void ftranU(F<T>* f, int64_t* ops) {
   const T drop = T(f->dropTol);
   T* wv = f->wv;
   if (uHyper(f)) {
+    f->lastStages |= 2;
     int top = dfsReach(f, f->uColBeg, f->uColEnd, f->uColInd, nullptr, ops);
     for (int q = top; q < f->m; q++) {
       int r = f->reach[q];
@@ -350,6 +391,7 @@ void btranU(F<T>* f, int64_t* ops) {
   const T drop = T(f->dropTol);
   T* wv = f->wv;
   if (uHyper(f)) {
+    f->lastStages |= 2;
     int top = dfsReach(f, f->uRowBeg, f->uRowEnd, f->uRowInd, nullptr, ops);
     for (int q = top; q < f->m; q++) {
       int r = f->reach[q];
@@ -418,7 +460,9 @@ template <class T>
 void btranL(F<T>* f, int64_t* ops) {
   const T drop = T(f->dropTol);
   T* wv = f->wv;
-  if (lHyper(f)) {
+  f->lastLCount = f->wcount;
+  if (btranLHyper(f)) {
+    f->lastStages |= 1;
     int top = dfsReach(f, f->lRowBeg, nullptr, f->lRowInd, nullptr, ops);
     for (int q = top; q < f->m; q++) {
       int i = f->reach[q];
@@ -507,6 +551,7 @@ int VRXftran(VRXfactorT<T>* f, const VRXsvecT<T>* in, VRXsvecT<T>* out, int save
   if (!f->valid) return VRX_ERROR_DATA_NOT_AVAILABLE;
   int64_t ops = 0;
   const int64_t nIn = inputCount(f, in);
+  f->lastStages = 0;
   loadRows(f, in);
   if (clearOut || in == out) vrx::svecClear(out, f->m);
   ftranL(f, &ops);
@@ -528,6 +573,7 @@ int VRXbtran(VRXfactorT<T>* f, const VRXsvecT<T>* in, VRXsvecT<T>* out, int clea
   const int64_t nIn = inputCount(f, in);
   int unitPos = -1;
   T unitVal = T(0);
+  f->lastStages = 0;
   if (in->count == 1 && in->value[in->index[0]] != T(0)) {
     unitPos = in->index[0];
     unitVal = in->value[unitPos];

@@ -276,6 +276,7 @@ int VRXfactorUpdate(VRXfactorT<T>* f, int p, int enterVar, VRXfactorCtl* ctl, do
     int j = v.index[q];
     f->etaInd[e] = j;
     f->etaVal[e] = v.value[j];
+    if (f->etaFirst[j] == 0) f->etaFirst[j] = f->rowEtaCount + 1;
     e++;
   }
   f->etaPivotRow[f->rowEtaCount] = i;

@@ -268,7 +268,7 @@ int lpMakeSolverCopy(VRXenv* env, const VRXmodeldata* src, VRXmodeldata** out);
 struct ScaleOpts {
   int scaleFlag = -1;  // -1 automatic, 0 off, 1, 2, 3
   int modelKind = VRX_LPKIND_OTHER;
-  double objScaleParam = 0.0;  // ObjScale; -2 adds the decimal grid rounding of huge costs
+  double objScaleParam = 0.0;  // ObjScale: > 0 a fixed factor, < 0 from the cost range, 0 none
   double rhsScaleParam = 1.0;  // VORN_PAR_RHSSCALE
   double infBound = 1e30;
   int hasPwl = 0;

@@ -160,7 +160,15 @@ int switchForm(VRXlp* lp) {
   bool ok = callocInto(env, to.Cbar, nm);
   ok = ok && callocInto(env, to.Bbar, static_cast<size_t>(lp->m));
   for (int k = 0; ok && k < nTo; k++) ok = svecInto(env, *to.vecs[k], vecDim(lp, k));
+  // A factor of the new form for the same basis, built at its first use.
+  const bool newFactor = ok && !to.factor && lp->m > 0;
+  if (newFactor) {
+    ok = VRXfactorCreate<D>(env, lp->m, lp->refactorLimit, &to.factor) == 0;
+    for (int j = 0; ok && j < lp->n + lp->m; j++)
+      if (lp->varStat[j] >= 0 && lp->varStat[j] < lp->m) to.factor->basisHead[lp->varStat[j]] = j;
+  }
   if (!ok) {
+    if (newFactor) VRXfactorFree<D>(&to.factor);
     envFree(env, to.Cbar);
     envFree(env, to.Bbar);
     to.Cbar = nullptr;

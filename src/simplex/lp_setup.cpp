@@ -476,6 +476,13 @@ int VRXlpSetup(VRXmodel* model, int method, double* work, const VRXlpSetupOpts* 
   VRXenv* env = model->env;
   const ParamStore& par = env->par;
   if (work) *work += 50.0;
+  // The working LP has no piecewise-linear record (the LP driver solves the pieces' LP
+  // form instead): solving without the terms would answer a different problem.
+  if (model->data && model->data->numPWLObjVars > 0) {
+    VRXlpFreeOnModel(model);
+    return raise(env, VRX_ERROR_NOT_SUPPORTED, true,
+                 "Piecewise-linear objectives cannot be solved by the simplex of this build");
+  }
 
   auto* lp = static_cast<VRXlp*>(model->lp);
   const bool fresh = lp == nullptr;

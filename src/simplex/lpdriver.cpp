@@ -1,6 +1,7 @@
 // The LP driver: setup, the simplex loops, the results in true units, the closing lines.
 #include "simplex/lpdriver.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -9,7 +10,11 @@
 #include "model/modeldata.h"
 #include "model/pending.h"
 #include "model/result.h"
+#include "presolve/lpbridge.h"
+#include "presolve/dualise.h"
 #include "presolve/lpsolve.h"
+#include "presolve/pwl.h"
+#include "simplex/dual.h"
 #include "simplex/lp.h"
 #include "simplex/primal.h"
 #include "simplex/simplex.h"
@@ -66,22 +71,9 @@ bool applyWarmBasis(VRXmodel* model, VRXlp* lp) {
   lp->actionCode = 1;
   lp->loadKind = 2;
   lpActiveRebuild(lp);
+  // Norms given with the basis spare the dual its weight start; unusable ones are ignored.
+  if (ws->normState == 2 && ws->norms) VRXdualLoadNorms(lp, ws->norms, ws->norms + n);
   return true;
-}
-
-// The loop over the two simplex methods, with the hand-over between them.
-int spxRun(VRXlp* lp, int method, Clock& clock) {
-  for (int round = 0; round < 50; ++round) {
-    lp->method = method;
-    int rc = method == 0 ? VRXprimalSolve(lp, clock) : VRXdualSolve(lp, clock);
-    if (rc) return rc;
-    if (lp->status != -1004) return 0;
-    // The loop asks for the other method to finish.
-    method = 1 - method;
-    lp->status = 1;
-  }
-  lp->status = VRX_NUMERIC;
-  return 0;
 }
 
 }  // namespace
@@ -94,6 +86,8 @@ int lpPublish(VRXmodel* model, VRXlp* lp) {
   const double sense = d->modelSense;
   if (lp->quadMode == 1) {
     int err = VRXlpToDouble(lp);
+    // The extended run kept its factor in extended form: make a double one of the same basis.
+    if (!err && !lp->factor) err = VRXlpLoad(lp);
     if (err) return err;
   }
   VRXresult* r = resultCreate(env, d->numVars, d->numConstrs, d->numQConstrs);
@@ -117,7 +111,28 @@ int lpPublish(VRXmodel* model, VRXlp* lp) {
     }
     return 0;
   }
+  if (lp->status == VRX_INFEASIBLE && env->par.InfUnbdInfo) {
+    double proof = 0;
+    double* lambda = envAllocArray<double>(env, static_cast<size_t>(m) + 1);
+    if (!lambda) return VRX_ERROR_OUT_OF_MEMORY;
+    int rc = lpFarkas(model, lp, lambda, &proof);
+    if (rc == 0) {
+      r->farkasDual = lambda;
+      r->farkasProof = proof;
+    } else {
+      envFree(env, lambda);
+      if (rc == VRX_ERROR_OUT_OF_MEMORY) return rc;
+    }
+    return 0;
+  }
   if (lp->status != VRX_OPTIMAL) return 0;
+  if (lp->method == 1 && lp->pricing && lp->pricing->prepared) {
+    // The dual's weights belong to the final basis only when the dual ended the run.
+    r->vDualNorm = envAllocArray<double>(env, static_cast<size_t>(n) + 1);
+    r->cDualNorm = envAllocArray<double>(env, static_cast<size_t>(m) + 1);
+    if (!r->vDualNorm || !r->cDualNorm) return VRX_ERROR_OUT_OF_MEMORY;
+    VRXdualGetNorms(lp, r->vDualNorm, r->cDualNorm);
+  }
 
   // Scaled primal values: nonbasic at their bounds, basic from B x_B = b - N x_N.
   double* xs = envCallocArray<double>(env, static_cast<size_t>(n + m) + 1);
@@ -129,7 +144,8 @@ int lpPublish(VRXmodel* model, VRXlp* lp) {
     for (int k = 0; k < n + m; ++k) {
       int vs = lp->varStat[k];
       if (vs >= 0) continue;
-      double v = 0;
+      // A superbasic (or a free nonbasic) stands at its start value when there is one.
+      double v = lp->warmStart ? lp->warmStart[k] : 0.0;
       if (vs == VRX_VS_LOWER || vs == VRX_VS_FIX_LOWER) v = lp->lower[k];
       if (vs == VRX_VS_UPPER || vs == VRX_VS_FIX_UPPER) v = lp->upper[k];
       if (std::fabs(v) >= lp->infBound) v = 0;
@@ -161,10 +177,17 @@ int lpPublish(VRXmodel* model, VRXlp* lp) {
       } else {
         for (int k = 0; k < out.count; ++k) xs[head[out.index[k]]] = out.value[out.index[k]];
       }
-      // Duals: B^T y = c_B in the scaled copy.
+      // Duals: B^T y = g_B in the scaled copy, g the gradient (the cost of an LP).
       svecClear(&in, m);
       in.count = -1;
       for (int p = 0; p < m; ++p) in.value[p] = lp->cost[head[p]];
+      const VRXmodeldata* cp = lp->copy;
+      for (int k = 0; cp && k < cp->numQNZs; k++) {
+        const int a = cp->qRow[k], b = cp->qCol[k];
+        const double qv = a == b ? cp->qVal[k] : 0.5 * cp->qVal[k];
+        if (lp->varStat[a] >= 0) in.value[lp->varStat[a]] += qv * xs[b];
+        if (a != b && lp->varStat[b] >= 0) in.value[lp->varStat[b]] += qv * xs[a];
+      }
       err = VRXbtran(lp->factor, &in, &out, 1, &work);
     }
     if (!err) {
@@ -188,11 +211,21 @@ int lpPublish(VRXmodel* model, VRXlp* lp) {
         for (int i = 0; i < m; ++i) {
           if (d->sense[i] == '>') r->pi[i] = -r->pi[i];
         }
-        // Slacks and reduced costs in true units from the store itself.
+        // Slacks and reduced costs in true units from the store itself; with Q the
+        // gradient takes the place of the cost (xs is free to hold Q x now).
         for (int i = 0; i < m; ++i) r->slack[i] = d->rhs[i];
         double obj = d->objCon;
+        double* qx = xs;
+        for (int j = 0; j < n; ++j) qx[j] = 0;
+        for (int k = 0; k < d->numQNZs; ++k) {
+          const int a = d->qRow[k], b = d->qCol[k];
+          const double qv = a == b ? d->qVal[k] : 0.5 * d->qVal[k];
+          qx[a] += qv * r->x[b];
+          if (a != b) qx[b] += qv * r->x[a];
+        }
+        for (int j = 0; j < n; ++j) obj += 0.5 * qx[j] * r->x[j];
         for (int j = 0; j < n; ++j) {
-          double rc = d->obj[j];
+          double rc = d->obj[j] + qx[j];
           for (int64_t p = d->colBeg[j]; p < d->colBeg[j] + d->colLen[j]; ++p) {
             r->slack[d->rowInd[p]] -= d->val[p] * r->x[j];
             rc -= d->val[p] * r->pi[d->rowInd[p]];
@@ -213,7 +246,7 @@ int lpPublish(VRXmodel* model, VRXlp* lp) {
   return err;
 }
 
-void lpClosingLines(VRXmodel* model, const VRXresult* r, double seconds) {
+void lpClosingLines(VRXmodel* model, const VRXresult* r, double seconds, const UnscaledQuality* uq) {
   VRXenv* env = model->env;
   int status = model->status;
   double iters = r ? r->iterCount : 0;
@@ -222,7 +255,17 @@ void lpClosingLines(VRXmodel* model, const VRXresult* r, double seconds) {
   else
     log(env, "Stopped in %d iterations and %.2f seconds\n", static_cast<int>(iters), seconds);
   switch (status) {
-    case VRX_OPTIMAL: log(env, "Optimal objective %16.9e\n", r ? r->objVal : 0.0); break;
+    case VRX_OPTIMAL:
+      log(env, "Optimal objective %16.9e\n", r ? r->objVal : 0.0);
+      if (uq && env->par.VORN_PAR_UNSCALEDVIO != 0) {
+        if (std::max(uq->primalViol, uq->primalResid) > env->par.FeasibilityTol)
+          log(env, "Warning: unscaled primal violation = %g and residual = %g\n", uq->primalViol,
+              uq->primalResid);
+        if (uq->dualViol > env->par.OptimalityTol)
+          log(env, "Warning: unscaled dual violation = %g and residual = %g\n", uq->dualViol,
+              uq->dualResid);
+      }
+      break;
     case VRX_INFEASIBLE: log(env, "Infeasible model\n"); break;
     case VRX_INF_OR_UNBD: log(env, "Infeasible or unbounded model\n"); break;
     case VRX_UNBOUNDED: log(env, "Unbounded model\n"); break;
@@ -245,52 +288,35 @@ bool hasWarmBasis(const VRXmodel* model) {
          ws->columnCount == d->numVars;
 }
 
-// Presolve, the solve of the presolved model, uncrush and the clean-up simplex. Returns
-// 0 with *done set when the model's results are published, or with *done clear when the
-// original is to be solved as it is.
-int presolvedRun(VRXmodel* model, int method, Clock& clock, bool* done) {
-  *done = false;
+// Presolve, the solve of the presolved model, uncrush and the clean-up simplex. Returns 0
+// with model->lp solved, or with *settled set when presolve decided the model alone, or
+// with neither when the original is to be solved as it is.
+int presolvedRun(VRXmodel* model, int method, Clock& clock, bool* settled) {
+  *settled = false;
   PresolvedSolve ps;
   int err = lpPresolveSolve(model, method, clock, &ps);
-  if (err == VRX_ERROR_OUT_OF_MEMORY) log(model->env, "Out of memory\n");
   if (err || !ps.handled) return err;
-  auto* lp = static_cast<VRXlp*>(model->lp);
-  if (!lp) {
-    // Presolve settled the model by itself.
+  if (!model->lp) {
     model->status = ps.status;
-    VRXresult* r = resultCreate(model->env, model->data->numVars, model->data->numConstrs,
-                                model->data->numQConstrs);
-    if (!r) return VRX_ERROR_OUT_OF_MEMORY;
-    resultFree(model->env, model->result);
-    model->result = r;
-    r->iterCount = 0;
-    lpClosingLines(model, r, clockElapsed(clock));
-    *done = true;
-    return 0;
+    *settled = true;
   }
-  int status = lp->status;
-  if (status == 2 && lp->cutoff < kInf && lp->dualObj > lp->cutoff) status = VRX_CUTOFF;
-  model->status = status;
-  err = lpPublish(model, lp);
-  if (err) return err;
-  lpClosingLines(model, model->result, clockElapsed(clock));
-  *done = true;
   return 0;
 }
 
-}  // namespace
+// A result without values, for a model that presolve settled.
+int publishEmpty(VRXmodel* model) {
+  VRXresult* r = resultCreate(model->env, model->data->numVars, model->data->numConstrs,
+                              model->data->numQConstrs);
+  if (!r) return VRX_ERROR_OUT_OF_MEMORY;
+  resultFree(model->env, model->result);
+  model->result = r;
+  r->iterCount = 0;
+  return 0;
+}
 
-int lpOptimize(VRXmodel* model, Clock& clock) {
-  VRXenv* env = model->env;
-  int method = env->par.Method;
-  if (method < 0) method = 1;
-  if (method == 2) return barOptimize(model, clock);
-  // A kept record or a warm basis is the better start; otherwise presolve goes first.
-  if (env->par.Presolve != 0 && model->lp == nullptr && !hasWarmBasis(model)) {
-    bool done = false;
-    int err = presolvedRun(model, method, clock, &done);
-    if (err || done) return err;
-  }
+// The simplex on the model's own record: the kept one, or a new one from the warm basis or
+// the slack basis. A start that falls apart at once is dropped for a cold solve.
+int directRun(VRXmodel* model, int method, Clock& clock) {
   double work = 0;
   bool fresh = model->lp == nullptr;
   int err = VRXlpSetup(model, method, &work);
@@ -302,28 +328,293 @@ int lpOptimize(VRXmodel* model, Clock& clock) {
   lp->iterCount = 0;
   lp->priorIter = 0;
   lp->status = 1;
-  err = spxRun(lp, method, clock);
+  err = lpRunSimplex(lp, method, clock);
   if (err == 100001 || err == 100002) {
-    // The start basis fell apart: drop it and solve from the slack basis once.
     VRXlpFreeOnModel(model);
     err = VRXlpSetup(model, method, &work);
     if (err) return err;
     lp = static_cast<VRXlp*>(model->lp);
     lp->status = 1;
-    err = spxRun(lp, method, clock);
+    err = lpRunSimplex(lp, method, clock);
   }
-  if (err == VRX_ERROR_OUT_OF_MEMORY) {
-    log(env, "Out of memory\n");
-    return err;
-  }
+  return err;
+}
+
+// An unbounded end without a ray (the dual's), or an infeasible one without a proof when the
+// caller asks for it: the primal goes on from the basis and leaves its proof.
+int addProofs(VRXmodel* model, VRXlp* lp, Clock& clock) {
+  const bool wantRay = lp->status == VRX_UNBOUNDED && !(lp->primal && lp->primal->rayValid);
+  const bool wantFarkas = lp->status == VRX_INFEASIBLE && model->env->par.InfUnbdInfo &&
+                          !(lp->primal && lp->primal->farkasValid);
+  if (!wantRay && !wantFarkas) return 0;
+  if (VRXprimalFromDual(lp) < 0) return 0;
+  int rc = lpRunSimplex(lp, 0, clock);
+  if (rc == 100001 || rc == 100002) rc = 0;
+  return rc;
+}
+
+int lpFinish(VRXmodel* model, VRXlp* lp, Clock& clock) {
+  VRXenv* env = model->env;
+  // The proofs and the check in true units are those of a linear objective.
+  const bool quadratic = model->data->numQNZs > 0;
+  int err = quadratic ? 0 : addProofs(model, lp, clock);
   if (err) return err;
   int status = lp->status;
   if (status == 2 && lp->cutoff < kInf && lp->dualObj > lp->cutoff) status = VRX_CUTOFF;
   model->status = status;
+  UnscaledQuality uq;
+  bool haveQuality = !quadratic && status == VRX_OPTIMAL && env->par.VORN_PAR_UNSCALEDVIO != 0 &&
+                     lpUnscaledQuality(lp, &uq) == 0;
+  double kappa = -1;
+  if (status >= VRX_OPTIMAL && status <= VRX_UNBOUNDED) {
+    err = lpKappa(lp, clock, &kappa);
+    if (err == VRX_ERROR_OUT_OF_MEMORY) return err;
+  }
   err = lpPublish(model, lp);
   if (err) return err;
-  lpClosingLines(model, model->result, clockElapsed(clock));
+  if (kappa >= 0) model->result->kappa = kappa;
+  if (kappa > 1e12 && status != VRX_OPTIMAL && lp->badVar < 0 && lp->outputLevel > 0)
+    log(env, "Warning: very big Kappa = %g, try parameter NumericFocus\n", kappa);
+  lpClosingLines(model, model->result, clockElapsed(clock), haveQuality ? &uq : nullptr);
   return 0;
+}
+
+// A convex quadratic objective: the primal with superbasic steps on the original model (no
+// presolve), after the diagonal test that needs no factor.
+int qpRun(VRXmodel* model, Clock& clock) {
+  VRXenv* env = model->env;
+  const VRXmodeldata* d = model->data;
+  for (int k = 0; k < d->numQNZs; k++) {
+    const int j = d->qRow[k];
+    if (j == d->qCol[k] && d->qVal[k] < -env->par.PSDTol && d->vtype[j] != 'B')
+      return raise(env, VRX_ERROR_Q_NOT_PSD, true, "Objective Q not PSD (negative diagonal entry)");
+  }
+  double work = 0;
+  int err = VRXlpSetup(model, 0, &work);
+  if (err) return err;
+  clockCharge(clock, work);
+  auto* lp = static_cast<VRXlp*>(model->lp);
+  lp->iterCount = 0;
+  lp->priorIter = 0;
+  lp->status = 1;
+  return VRXqpSolve(lp, clock);
+}
+
+// Parameters the driver or the steps under it may change for a run, put back at its end.
+struct SavedParams {
+  VRXenv* env;
+  ParamStore keep;
+  explicit SavedParams(VRXenv* e) : env(e), keep(e->par) {}
+  ~SavedParams() {
+    ParamStore& p = env->par;
+    p.Presolve = keep.Presolve;
+    p.MarkowitzTol = keep.MarkowitzTol;
+    p.Cutoff = keep.Cutoff;
+    p.VORN_PAR_UNSCALEDVIO = keep.VORN_PAR_UNSCALEDVIO;
+    p.Aggregate = keep.Aggregate;
+    p.DualReductions = keep.DualReductions;
+    p.PreDepRow = keep.PreDepRow;
+    p.VORN_PAR_PREBOUND = keep.VORN_PAR_PREBOUND;
+    p.ScaleFlag = keep.ScaleFlag;
+  }
+};
+
+}  // namespace
+
+int lpKappa(VRXlp* lp, Clock& clock, double* kappa) {
+  *kappa = -1;
+  const int m = lp->m;
+  if (m == 0 || lp->quadMode || !lp->factor) return VRX_ERROR_DATA_NOT_AVAILABLE;
+  VRXenv* env = lp->env;
+  VRXfactor* f = lp->factor;
+  // A rebuild here could repair the basis behind the caller's back: only a factor of the
+  // final basis is measured.
+  if (!f->valid || f->freshBasis) return VRX_ERROR_DATA_NOT_AVAILABLE;
+  double work = 0;
+  // |B|_1: the largest column sum of the basic columns.
+  double normB = 0;
+  for (int p = 0; p < m; p++) {
+    const int j = f->basisHead[p];
+    double sum = 1.0;
+    if (j < lp->n) {
+      sum = 0;
+      for (int64_t k = lp->colBeg[j]; k < lp->colBeg[j] + lp->colLen[j]; k++) sum += std::fabs(lp->val[k]);
+    }
+    normB = std::max(normB, sum);
+  }
+  // |B^-1|_1 by the power-like estimate on the sign vectors (Hager), a few solves at most.
+  VRXsvec in{}, out{};
+  if (svecAlloc(env, &in, m) || svecAlloc(env, &out, m)) {
+    svecFree(env, &in);
+    svecFree(env, &out);
+    return VRX_ERROR_OUT_OF_MEMORY;
+  }
+  double* x = envAllocArray<double>(env, 3 * static_cast<size_t>(m));
+  if (!x) {
+    svecFree(env, &in);
+    svecFree(env, &out);
+    return VRX_ERROR_OUT_OF_MEMORY;
+  }
+  double* y = x + m;
+  double* z = y + m;
+  auto dense = [m](const VRXsvec* v, double* to) {
+    if (v->count < 0) {
+      std::memcpy(to, v->value, sizeof(double) * static_cast<size_t>(m));
+      return;
+    }
+    std::memset(to, 0, sizeof(double) * static_cast<size_t>(m));
+    for (int k = 0; k < v->count; k++) to[v->index[k]] = v->value[v->index[k]];
+  };
+  for (int i = 0; i < m; i++) x[i] = 1.0 / m;
+  double est = 0;
+  int rc = 0;
+  int last = -1;
+  for (int round = 0; round < 5 && !rc; round++) {
+    svecClear(&in, m);
+    in.count = -1;
+    for (int i = 0; i < m; i++) in.value[i] = x[i];
+    if ((rc = VRXftran(f, &in, &out, 0, 1, &work))) break;
+    dense(&out, y);
+    double norm1 = 0;
+    for (int p = 0; p < m; p++) norm1 += std::fabs(y[p]);
+    if (round > 0 && norm1 <= est) break;
+    est = norm1;
+    svecClear(&in, m);
+    in.count = -1;
+    for (int p = 0; p < m; p++) in.value[p] = y[p] >= 0 ? 1.0 : -1.0;
+    if ((rc = VRXbtran(f, &in, &out, 1, &work))) break;
+    dense(&out, z);
+    int best = 0;
+    double zx = 0;
+    for (int i = 0; i < m; i++) {
+      zx += z[i] * x[i];
+      if (std::fabs(z[i]) > std::fabs(z[best])) best = i;
+    }
+    if (std::fabs(z[best]) <= zx || best == last) break;
+    last = best;
+    std::memset(x, 0, sizeof(double) * static_cast<size_t>(m));
+    x[best] = 1.0;
+  }
+  svecFree(env, &in);
+  svecFree(env, &out);
+  envFree(env, x);
+  clockCharge(clock, work);
+  if (rc) return rc;
+  *kappa = normB * est;
+  return 0;
+}
+
+namespace {
+
+// lambda of the store from the phase-I duals, and its proof; z is scratch over n + m.
+int farkasInStore(const VRXmodeldata* d, const VRXlp* lp, double* lambda, double* z, double* proof) {
+  const int n = lp->n, m = lp->m;
+  double* ys = z + n;
+  int rc = primalFarkas(lp, ys);
+  if (rc) return rc;
+  lpUnscaleDual(lp, ys, lambda);
+  // Store orientation; then lambda <= 0 on '<' rows and >= 0 on '>' rows, so that every
+  // point meeting the rows has lambda'A x >= lambda'b.
+  double big = 0;
+  for (int i = 0; i < m; i++) {
+    if (d->sense[i] == '>') lambda[i] = -lambda[i];
+    big = std::max(big, std::fabs(lambda[i]));
+  }
+  if (big == 0) return VRX_ERROR_DATA_NOT_AVAILABLE;
+  for (int i = 0; i < m; i++) {
+    lambda[i] /= big;
+    const bool wrong = (d->sense[i] == '<' && lambda[i] > 0) || (d->sense[i] == '>' && lambda[i] < 0);
+    if (wrong) {
+      if (std::fabs(lambda[i]) > 1e-9) return VRX_ERROR_DATA_NOT_AVAILABLE;
+      lambda[i] = 0;
+    }
+  }
+  double lb = 0, amax = 0;
+  for (int i = 0; i < m; i++) lb += lambda[i] * d->rhs[i];
+  for (int j = 0; j < n; j++) {
+    double zj = 0;
+    for (int64_t k = d->colBeg[j]; k < d->colBeg[j] + d->colLen[j]; k++) {
+      zj += lambda[d->rowInd[k]] * d->val[k];
+      amax = std::max(amax, std::fabs(d->val[k]));
+    }
+    z[j] = zj;
+  }
+  // The largest lambda'A x over the bounds; what cancelled to rounding level counts as 0.
+  const double tiny = 1e-11 * std::max(1.0, amax);
+  double top = 0;
+  for (int j = 0; j < n; j++) {
+    const double zj = z[j];
+    if (std::fabs(zj) <= tiny) continue;
+    const double b = zj > 0 ? d->ub[j] : d->lb[j];
+    if (std::fabs(b) >= kInf) return VRX_ERROR_DATA_NOT_AVAILABLE;
+    top += zj * b;
+  }
+  if (!(lb - top > 0)) return VRX_ERROR_DATA_NOT_AVAILABLE;
+  *proof = lb - top;
+  return 0;
+}
+
+}  // namespace
+
+int lpFarkas(VRXmodel* model, const VRXlp* lp, double* lambda, double* proof) {
+  VRXenv* env = model->env;
+  const VRXmodeldata* d = model->data;
+  const int n = lp->n, m = lp->m;
+  if (!d || d->numVars != n || d->numConstrs != m) return VRX_ERROR_DATA_NOT_AVAILABLE;
+  double* z = envCallocArray<double>(env, static_cast<size_t>(n) + static_cast<size_t>(m) + 1);
+  if (!z) return VRX_ERROR_OUT_OF_MEMORY;
+  int rc = farkasInStore(d, lp, lambda, z, proof);
+  envFree(env, z);
+  return rc;
+}
+
+
+int lpOptimize(VRXmodel* model, Clock& clock) {
+  VRXenv* env = model->env;
+  int method = env->par.Method;
+  if (method < 0) method = 1;
+  SavedParams saved(env);
+  if (method == 2 && model->data->numPWLObjVars > 0 && env->par.Presolve == 0) {
+    log(env, "Warning: Barrier needs presolve to translate PWL model into pure LP\n");
+    log(env, "         Turning it on and applying it conservatively\n");
+    env->par.Presolve = 1;
+  }
+  // Piecewise terms go through their LP form, which takes every method.
+  if (model->data->numPWLObjVars > 0) return pwlOptimize(model, clock);
+  if (env->par.Presolve != 0) numericsGuard(model->data, &env->par);
+  if (method == 2) return barOptimize(model, clock);
+  if (env->par.VORN_PAR_UNSCALEDVIO == -2) env->par.VORN_PAR_UNSCALEDVIO = -1;
+  if (env->par.VORN_PAR_SPXCONCURRENT == 1 && model->lp == nullptr) return spxConcurrent(model, clock);
+  int err = 0;
+  bool solved = model->data->numQNZs > 0;
+  if (solved) err = qpRun(model, clock);
+  // A kept record or a warm basis is the better start; otherwise presolve goes first.
+  if (!solved && env->par.Presolve != 0 && model->lp == nullptr && !hasWarmBasis(model)) {
+    bool settled = false;
+    err = presolvedRun(model, method, clock, &settled);
+    if (!err && settled) {
+      err = publishEmpty(model);
+      if (!err) lpClosingLines(model, model->result, clockElapsed(clock));
+      return err;
+    }
+    solved = model->lp != nullptr;
+  }
+  if (!err && !solved && env->par.Presolve == 0 && model->lp == nullptr && !hasWarmBasis(model) &&
+      dualiseChoice(model->data, env->par, method, env->par.Threads > 0 ? env->par.Threads : detectCores()) == 1) {
+    DualisedSolve ds{};
+    err = lpSolveDualised(model, method, clock, &ds);
+    if (!err && ds.handled && model->lp == nullptr) {
+      model->status = ds.status;
+      err = publishEmpty(model);
+      if (!err) lpClosingLines(model, model->result, clockElapsed(clock));
+      return err;
+    }
+    solved = !err && ds.handled;
+  }
+  if (!err && !solved) err = directRun(model, method, clock);
+  if (!err) err = lpFinish(model, static_cast<VRXlp*>(model->lp), clock);
+  if (err == VRX_ERROR_OUT_OF_MEMORY) log(env, "Out of memory\n");
+  return err;
 }
 
 }  // namespace vrx

@@ -9,6 +9,8 @@ struct VRXresult;
 
 namespace vrx {
 
+struct UnscaledQuality;
+
 // Solves the continuous model. Returns 0 or an error; the outcome is the
 // model's status, and the results stand in model->result.
 int lpOptimize(VRXmodel* model, Clock& clock);
@@ -16,7 +18,24 @@ int lpOptimize(VRXmodel* model, Clock& clock);
 // Publishes the solution of a solved record (true units, the caller's sense) as
 // the model's result. 0 or 10001.
 int lpPublish(VRXmodel* model, VRXlp* lp);
-// "Solved in ..."/"Stopped in ..." and the status line.
-void lpClosingLines(VRXmodel* model, const VRXresult* r, double seconds);
+// "Solved in ..."/"Stopped in ..." and the status line; with uq, the warnings of an
+// optimum that is worse in true units than the tolerances allow.
+void lpClosingLines(VRXmodel* model, const VRXresult* r, double seconds,
+                    const UnscaledQuality* uq = nullptr);
+
+// Estimate of the 1-norm condition number of the record's final basis (scaled) from its
+// current factor. 0, 10001, or 10005 without a valid factor of the basis to measure.
+int lpKappa(VRXlp* lp, Clock& clock, double* kappa);
+
+// The infeasibility certificate of a record that the primal left infeasible, in the
+// store's terms: lambda (one entry per row, largest magnitude 1) is <= 0 on '<' rows and
+// >= 0 on '>' rows, so every x meeting the rows has lambda'A x >= lambda'b; proof is
+// lambda'b minus the largest lambda'A x over the bounds, > 0. 0, 10001, or 10005 when no
+// such certificate can be given.
+int lpFarkas(VRXmodel* model, const VRXlp* lp, double* lambda, double* proof);
+
+// Dual and primal simplex at once on copies of the model, on two threads; the first to
+// end stops the other and its result becomes the model's. 0 or an error.
+int spxConcurrent(VRXmodel* model, Clock& clock);
 
 }  // namespace vrx

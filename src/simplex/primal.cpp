@@ -44,6 +44,7 @@ int createRecord(VRXlp* lp) {
   ok = ok && alloc(env, pp->up, nm);
   ok = ok && alloc(env, pp->mark, nm);
   ok = ok && alloc(env, pp->ray, nm);
+  ok = ok && alloc(env, pp->vxList, nm);
   ok = ok && alloc(env, pp->hotList, 64);
   if (ok && !pp->infPos) {
     ok = alloc(env, pp->infPos, nm) && alloc(env, pp->infList, nm);
@@ -334,7 +335,8 @@ template <class T>
 int boundFlip(Ctx<T>& c) {
   VRXlp* lp = c.lp;
   moveBasics(c);
-  lp->varStat[c.q] = c.dir > 0 ? VRX_VS_UPPER : VRX_VS_LOWER;
+  if (c.toZero) lp->warmStart[c.q] = 0.0;  // a free column stays nonbasic, at 0
+  else lp->varStat[c.q] = c.dir > 0 ? VRX_VS_UPPER : VRX_VS_LOWER;
   lp->leaveRow = -1;
   if (c.pp->phase == 1) {
     int rc = phaseOneCosts(c, -1, kWithin);
@@ -498,6 +500,45 @@ int basisChange(Ctx<T>& c) {
 
 // ---------------------------------------------------------------- the iteration
 
+// The rescue of a big pivot column: a sounder factor, or the column as it is.
+template <class T>
+bool VRXprimalBigPivot(Ctx<T>& c) {
+  VRXlp* lp = c.lp;
+  c.pp->bigPivots++;
+  if (lp->markowitzTol < 0.5) {
+    lp->markowitzTol = 0.5;
+    log(c.env, "Markowitz tolerance tightened to 0.5.\n");
+    lp->actionCode = 6;
+    return true;
+  }
+  if (c.f->nUpdatesDone > 0) {
+    lp->actionCode = 6;
+    return true;
+  }
+  return false;
+}
+
+// A pivot column whose entries times the costs of the basis pass the cost scale by more than
+// 1/bigTol makes its reduced cost a difference of huge terms: the factor has lost accuracy.
+// The bound is checked first against the stored largest basic cost and, when passed, against
+// a fresh one (phase I weighs infeasibility by 1). The rescue asks for a sounder factor; on a
+// fresh factor at Markowitz 0.5 the column is taken as it is. True when the pivot is skipped.
+template <class T>
+bool bigPivotCheck(Ctx<T>& c) {
+  VRXlp* lp = c.lp;
+  VRXprimalprice* pp = c.pp;
+  T norm = T(0);
+  for (int k = 0; k < c.col->count; k++) norm = std::max(norm, absT(c.col->value[c.col->index[k]]));
+  const double bound = pp->costMax / lp->bigTol;
+  if (static_cast<double>(norm) * pp->basisCostMax <= bound) return false;
+  double cmax = pp->phase == 1 ? 1.0 : 0.0;
+  for (int p = 0; p < c.m; p++) cmax = std::max(cmax, std::fabs(c.trueCost(c.f->basisHead[p])));
+  pp->basisCostMax = cmax;
+  if (static_cast<double>(norm) * cmax <= bound) return false;
+  return VRXprimalBigPivot(c);
+}
+
+
 template <class T>
 int iterate(Ctx<T>& c) {
   VRXlp* lp = c.lp;
@@ -525,7 +566,16 @@ int iterate(Ctx<T>& c) {
   if (rc) return rc;
   makeSparse(c.col, c.m);
 
-  const int res = pp->phase == 2 ? VRXprimalRatio2(c) : (lp->pwRatio ? VRXprimalRatioPW(c) : VRXprimalRatio1(c));
+  if (bigPivotCheck(c)) return 0;
+  auto ratio = [&]() {
+    return pp->phase == 2 ? VRXprimalRatio2(c) : (lp->pwRatio ? VRXprimalRatioPW(c) : VRXprimalRatio1(c));
+  };
+  int res = ratio();
+  // A vertex move that nothing blocks tries the other way before it is given up.
+  while (res == kUnbounded && c.vertexMove) {
+    if (!turnVertexMove(c)) return 0;
+    res = ratio();
+  }
   switch (res) {
     case kUnbounded: {
       if (c.f->nUpdatesDone > 0 && pp->unbdRetries == 0) {
@@ -570,6 +620,12 @@ int iterate(Ctx<T>& c) {
         lp->markowitzTol = std::max(lp->markowitzTol, 0.5);
         lp->actionCode = 6;
         return 0;
+      }
+      if (c.vertexMove) {
+        // No other column would do for this move: on a fresh factor the small pivot stands.
+        rc = basisChange(c);
+        if (rc == 0 && lp->actionCode == 6 && lp->varStat[q] < 0) return 0;
+        break;
       }
       const double a = static_cast<double>(absT(c.alphaR));
       lp->varStat[q] -= VRX_VS_REJECT_SHIFT;
@@ -662,12 +718,14 @@ void polishBudget(Ctx<T>& c) {
 
 // No entering column: confirm on fresh values, then decide optimal, infeasible, or clean up.
 template <class T>
-void noCandidate(Ctx<T>& c) {
+int noCandidate(Ctx<T>& c) {
   VRXlp* lp = c.lp;
   VRXprimalprice* pp = c.pp;
-  if (!pp->confirmed) {
+  // Vertex moves go on from updated values; only a new scan needs a fresh compute.
+  const bool listed = pp->phase == 2 && pp->vxNext < pp->vxCount;
+  if (!pp->confirmed && !listed) {
     lp->actionCode = 9;
-    return;
+    return 0;
   }
   if (pp->phase == 1) {
     // Phase I can do no better. An infeasibility this close to the tolerance is taken for
@@ -678,10 +736,14 @@ void noCandidate(Ctx<T>& c) {
       lp->feasTol = std::min(limit, pp->maxInfeas * 1.01);
       lp->markowitzTol = std::max(lp->markowitzTol, 0.5);
       lp->actionCode = 6;
-      return;
+      return 0;
     }
     lp->status = 3;
-    return;
+    // The phase-I duals of this fresh compute prove it; the exit recomputes y for phase 2.
+    std::memcpy(pp->ray, pp->y, sizeof(double) * static_cast<size_t>(c.m));
+    pp->rayValid = 0;
+    pp->farkasValid = 1;
+    return 0;
   }
   if (pp->shiftCount > 0 || lp->perturbKind > 0) {
     // Shifted or perturbed bounds go; what the true bounds leave infeasible is repaired by
@@ -691,7 +753,7 @@ void noCandidate(Ctx<T>& c) {
     pp->noPerturb = 1;
     pp->cleanRounds++;
     lp->actionCode = 4;
-    return;
+    return 0;
   }
   if (!pp->polishing && lp->optTol > kPolishFloor) {
     // Optimal within optTol: a few more pivots at a tighter tolerance close most of the
@@ -700,9 +762,20 @@ void noCandidate(Ctx<T>& c) {
     pp->polishStart = lp->iterCount;
     pp->priceTol = std::max(kPolishFloor, lp->optTol * kPolishFactor);
     pp->listStale = 1;
-    return;
+    return 0;
+  }
+  // Optimal by the reduced costs; what still stands inside its bounds moves to a vertex.
+  const int q = nextVertexMove(c);
+  if (q == -2) {
+    lp->actionCode = 9;
+    return 0;
+  }
+  if (q >= 0) {
+    lp->enterVar = q;
+    return iterate(c);
   }
   lp->status = 2;
+  return 0;
 }
 
 // Prices and takes one iteration: a pivot, a bound flip, or what no candidate calls for.
@@ -710,12 +783,11 @@ void noCandidate(Ctx<T>& c) {
 template <class T>
 int VRXprimalPivot(Ctx<T>& c) {
   polishBudget(c);
+  c.vertexMove = 0;
+  c.toZero = 0;
   const int q = chooseEntering(c);
   c.lp->enterVar = q;
-  if (q < 0) {
-    noCandidate(c);
-    return 0;
-  }
+  if (q < 0) return noCandidate(c);
   return iterate(c);
 }
 
@@ -753,6 +825,7 @@ void solveNoRows(Ctx<T>& c) {
       lp->varStat[j] = VRX_VS_LOWER;
     }
   }
+  settleNoRows(c);
   lp->status = 2;
 }
 
@@ -853,6 +926,12 @@ int solveT(VRXlp* lp, Clock& clock) {
 
 }  // namespace primal
 
+int primalFarkas(const VRXlp* lp, double* y) {
+  if (!lp || !lp->primal || !lp->primal->farkasValid || lp->status != 3) return VRX_ERROR_DATA_NOT_AVAILABLE;
+  std::memcpy(y, lp->primal->ray, sizeof(double) * static_cast<size_t>(lp->m));
+  return 0;
+}
+
 int primalRay(const VRXlp* lp, double* out) {
   if (!lp || !lp->primal || !lp->primal->rayValid || lp->status != 5) return VRX_ERROR_DATA_NOT_AVAILABLE;
   lpUnscalePrimal<double>(lp, lp->primal->ray, out);
@@ -867,7 +946,8 @@ void VRXprimalFree(VRXlp* lp) {
   VRXprimalprice* pp = lp->primal;
   void* blocks[] = {pp->weights, pp->y,     pp->candList, pp->costWork, pp->savedWeights,
                     pp->lo,      pp->up,    pp->bpGain,   pp->bpRow,    pp->mark,
-                    pp->ray,     pp->yWork, pp->hotList,  pp->infList,  pp->infPos};
+                    pp->ray,     pp->yWork, pp->hotList,  pp->infList,  pp->infPos,
+                    pp->vxList};
   for (void* b : blocks) vrx::envFree(env, b);
   vrx::envFree(env, pp);
   lp->primal = nullptr;
@@ -946,6 +1026,8 @@ int VRXprimalPrepare(VRXlp* lp, vrx::Clock& clock) {
   pp->bestRow = -1;
   pp->head = pp->tail = -1;
   pp->rayValid = 0;
+  pp->farkasValid = 0;
+  pp->vxCount = pp->vxNext = pp->vxRounds = pp->vxTries = pp->vxLeft = pp->vxMoves = 0;
   pp->cleanRounds = 0;
   pp->noPerturb = 0;
   pp->lastCheckIter = lp->iterCount;
@@ -962,6 +1044,8 @@ int VRXprimalPrepare(VRXlp* lp, vrx::Clock& clock) {
   pp->feasTolStart = lp->feasTol;
   pp->costMax = 1.0;
   for (int j = 0; j < nm; j++) pp->costMax = std::max(pp->costMax, std::fabs(lp->cost[j]));
+  pp->basisCostMax = pp->costMax;
+  pp->bigPivots = 0;
   pp->lastLogAt = lp->iterCount + lp->priorIter;
   pp->polishing = 0;
   pp->polishStart = 0.0;
@@ -974,8 +1058,11 @@ int VRXprimalPrepare(VRXlp* lp, vrx::Clock& clock) {
   if (par.VORN_PAR_SIMPLEXCRASH == -1 && m > 1000 && n > 5000 && lp->costNz == 1 && lp->singleCost >= 0 &&
       lp->colLen[lp->singleCost] > 50)
     crash = 2;
+  // Large plain models get the second, sparsity-driven pass.
+  const bool second = m > 10000 && pp->columnLists != 2 &&
+                      (lp->modelKind == VRX_LPKIND_OTHER || lp->modelKind == VRX_LPKIND_LP);
   if (crash && lp->loadKind == 0 && lp->iterCount + lp->priorIter == 0 && lp->fixedCount == 0 &&
-      primal::crashBasis(lp, crash) > 0) {
+      primal::crashBasis(lp, crash, second) > 0) {
     if (lp->factor) lp->factor->valid = 0;
     if (lp->factorQ) lp->factorQ->valid = 0;
   }

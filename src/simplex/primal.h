@@ -45,8 +45,10 @@ struct VRXprimalprice {
   double* bpGain;   // breakpoint slope gains, 2m + 2
   int* bpRow;       // breakpoint row; a negative value -1 - p marks the far bound of row p
   char* mark;       // scratch marks over n+m, all zero between uses
-  double* ray;      // unboundedness proof in solver units, n+m; valid when rayValid
+  double* ray;      // unboundedness proof in solver units, n+m; valid when rayValid;
+                    // after an infeasible end its first m entries hold the phase-I duals
   int rayValid;
+  int farkasValid;  // the phase-I duals of an infeasible end are in ray
   int shiftCount;   // working bounds that differ from the true ones
   int cleanRounds;  // clean-ups after a shifted or perturbed optimum
   int noPerturb;    // 1 once a clean-up ran: no new perturbation
@@ -74,6 +76,17 @@ struct VRXprimalprice {
   int listStale;  // 1: rebuild before the next pricing
   double feasTolStart;  // feasTol at the start of the run; a tiny phase-I rest may raise it
   double costMax;       // largest |cost|, at least 1: the scale of reduced-cost drift
+  double basisCostMax;  // largest |cost| of the basis at the last big-pivot check
+  int bigPivots;        // pivot columns the big-pivot check stopped
+  // Nonbasics left off a vertex once the reduced costs ask for nothing more: superbasics
+  // strictly inside a finite bound, free columns away from 0, and in the first round free
+  // columns at 0 that may still pivot in. Taken one by one, rescanned when used up.
+  int* vxList;
+  int vxCount, vxNext;
+  int vxRounds;   // scans done this run
+  int vxTries;    // attempts on the list entry at vxNext (a refused pivot retries it)
+  int vxLeft;     // entries that could not be moved to a vertex
+  int vxMoves;    // vertex moves tried this run
   int firstCompute;  // 1 until the first compute of a run (the crushed-start check)
   int acceptLoose;   // 1: the next compute may widen priceTol to what is left
   double lastResidual;
@@ -99,5 +112,10 @@ namespace vrx {
 // the record (slacks last; '>' rows keep the solver's sign). Returns 0, or 10005 when the
 // last run did not end unbounded.
 int primalRay(const VRXlp* lp, double* out);
+// The duals of the phase-I objective at an infeasible end, in solver units and the copy's
+// row orientation (m entries): y'A x is at most y'b - (sum of infeasibilities) over the
+// bounds, so no x within them meets A x = b. 0, or 10005 when the last run did not end
+// infeasible in phase I.
+int primalFarkas(const VRXlp* lp, double* y);
 
 }  // namespace vrx

@@ -8,13 +8,57 @@
 namespace vrx {
 namespace primal {
 
+namespace {
+
+// On large models the first pass leaves many rows to slacks where a short column would do:
+// the columns left over are tried again, the shortest first, with a looser pivot (half the
+// column's largest entry) and only rows no placed column touches, so the basis stays
+// triangular. Returns the number of columns placed.
+int sparsityPass(VRXlp* lp, int* order, int cnt, char* touched) {
+  const int n = lp->n;
+  int* head = lp->quadMode ? lp->factorQ->basisHead : lp->factor->basisHead;
+  int left = 0;
+  for (int t = 0; t < cnt; t++)
+    if (lp->varStat[order[t]] < 0) order[left++] = order[t];
+  std::stable_sort(order, order + left, [&](int a, int b) { return lp->colLen[a] < lp->colLen[b]; });
+  int placed = 0;
+  for (int t = 0; t < left; t++) {
+    const int j = order[t];
+    const int64_t b = lp->colBeg[j], e = b + lp->colLen[j];
+    double colMax = 0;
+    for (int64_t k = b; k < e; k++) colMax = std::max(colMax, std::fabs(lp->val[k]));
+    int best = -1;
+    double bestA = 0;
+    for (int64_t k = b; k < e; k++) {
+      const int i = lp->rowInd[k];
+      const double a = std::fabs(lp->val[k]);
+      if (touched[i] || a < 0.5 * colMax || lp->varStat[n + i] < 0) continue;
+      if (a > bestA) {
+        best = i;
+        bestA = a;
+      }
+    }
+    if (best < 0) continue;
+    const int p = lp->varStat[n + best];
+    head[p] = j;
+    lp->varStat[j] = p;
+    lp->varStat[n + best] = lp->upper[n + best] == lp->lower[n + best] ? VRX_VS_FIX_LOWER : VRX_VS_LOWER;
+    for (int64_t k = b; k < e; k++) touched[lp->rowInd[k]] = 1;
+    placed++;
+  }
+  return placed;
+}
+
+}  // namespace
+
 // Columns are taken in order of preference: free ones first (they belong in the basis),
 // then those with one bound, then boxed ones by growing range; a cheaper cost breaks ties
 // (kind 2 takes the one costed column first). A column enters when its pivot row has no
 // entry in any column taken before (so the taken columns stay upper triangular), with a
 // pivot at least 0.9 of the column's largest entry; equality rows are covered first. The
-// slack of the pivot row leaves to its bound. Returns the number of columns placed.
-int crashBasis(VRXlp* lp, int kind) {
+// slack of the pivot row leaves to its bound. With secondPass the columns left over get a
+// looser, sparsity-driven pass. Returns the number of columns placed.
+int crashBasis(VRXlp* lp, int kind, bool secondPass) {
   VRXprimalprice* pp = lp->primal;
   const int n = lp->n, m = lp->m;
   if (n == 0 || m == 0) return 0;
@@ -72,6 +116,7 @@ int crashBasis(VRXlp* lp, int kind) {
     for (int64_t k = b; k < e; k++) touched[lp->rowInd[k]] = 1;
     placed++;
   }
+  if (secondPass) placed += sparsityPass(lp, order, cnt, touched);
   for (int i = 0; i < m; i++) touched[i] = 0;
   return placed;
 }

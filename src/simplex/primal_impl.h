@@ -57,6 +57,8 @@ struct Ctx {
   T theta;      // primal step (>= 0, along dir)
   T alphaR;     // pivot element from the column
   int forceSmall;  // accept a small pivot (the retry of the best rejected column)
+  int vertexMove;  // the move takes a nonbasic off its interior value (no cost gain asked)
+  int toZero;      // a free column heading for 0: its range is |xq|, not a bound
 
   bool loFinite(int j) const { return pp->lo[j] > -inf; }
   bool upFinite(int j) const { return pp->up[j] < inf; }
@@ -175,9 +177,28 @@ void resetWeights(Ctx<T>& c);
 template <class T>
 int updateWeights(Ctx<T>& c, int leaveVar, const T* atv, T thetaD);
 
+// ---- primal_vertex.cpp ----
+// Whether nonbasic j (status -3) stands where no basic solution puts it: strictly inside a
+// finite bound, or free and away from 0.
+template <class T>
+bool offVertex(const Ctx<T>& c, int j);
+// The next list entry to move to a vertex, or -1 when the list (rescanned once used up)
+// has none. Sets c.q, c.dir, c.dq, c.vertexMove and c.toZero.
+template <class T>
+int nextVertexMove(Ctx<T>& c);
+// The direction of a vertex move that found no block: 1 when the other way is worth a try
+// (c.dir turned), 0 when the entry is given up.
+template <class T>
+int turnVertexMove(Ctx<T>& c);
+// Without rows: each interior nonbasic the reduced costs left alone goes to a bound, a
+// free one to 0.
+template <class T>
+void settleNoRows(Ctx<T>& c);
+
 // ---- primal_crash.cpp ----
-// Replaces slacks of the all-slack basis by triangularly placed structurals (kind 1 or 2).
-int crashBasis(VRXlp* lp, int kind);
+// Replaces slacks of the all-slack basis by triangularly placed structurals (kind 1 or 2),
+// with a second, sparsity-driven pass when asked. Returns the number of columns placed.
+int crashBasis(VRXlp* lp, int kind, bool secondPass = false);
 
 // ---- primal_ratio.cpp ----
 // Ratio tests on c.col for the entering c.q: a RatioResult, with c.r, c.leaveUp, c.theta

@@ -28,6 +28,7 @@ inline double lengthWeight(const VRXlp* lp, int j) {
 template <class T>
 T enteringRange(const Ctx<T>& c) {
   const int q = c.q;
+  if (c.toZero) return absT(c.xq);
   if (c.dir > 0) return c.upFinite(q) ? T(c.pp->up[q]) - c.xq : T(c.inf);
   return c.loFinite(q) ? c.xq - T(c.pp->lo[q]) : T(c.inf);
 }

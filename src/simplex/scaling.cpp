@@ -6,22 +6,11 @@
 #include "model/model.h"
 #include "model/modeldata.h"
 #include "simplex/lp.h"
+#include "env/envvec.h"
 
 namespace vrx {
 
 namespace {
-
-// A scratch block freed on every path out of the scope.
-template <class T>
-struct Scratch {
-  VRXenv* env;
-  T* p = nullptr;
-  Scratch(VRXenv* e, size_t count) : env(e) { p = envAllocArray<T>(env, count ? count : 1); }
-  ~Scratch() { envFree(env, p); }
-  Scratch(const Scratch&) = delete;
-  Scratch& operator=(const Scratch&) = delete;
-  T& operator[](size_t i) { return p[i]; }
-};
 
 // Factors beyond this are of no use and would push data toward overflow.
 constexpr int kMaxScaleExp = 100;
@@ -239,7 +228,7 @@ int scaleCopy(VRXenv* env, VRXmodeldata* d, const ScaleOpts& opts, double* work)
 
   Scratch<double> r(env, static_cast<size_t>(m)), c(env, static_cast<size_t>(n));
   Scratch<double> t1(env, static_cast<size_t>(m)), t2(env, static_cast<size_t>(n > m ? n : m));
-  if (!r.p || !c.p || !t1.p || !t2.p) return VRX_ERROR_OUT_OF_MEMORY;
+  if (!r.a || !c.a || !t1.a || !t2.a) return VRX_ERROR_OUT_OF_MEMORY;
   for (int i = 0; i < m; i++) r[i] = 1.0;
   for (int j = 0; j < n; j++) c[j] = 1.0;
 
@@ -262,17 +251,17 @@ int scaleCopy(VRXenv* env, VRXmodeldata* d, const ScaleOpts& opts, double* work)
     randomSeed(alt.rng, opts.seed);
     double (*roundF)(double, void*) = opts.altScale ? roundAlt : roundPow2;
     if (flag == 1) {
-      scaleOnePass(A, r.p, c.p, t1.p, roundF, &alt);
+      scaleOnePass(A, r.a, c.a, t1.a, roundF, &alt);
     } else {
       if (flag == 2) {
         Scratch<double> rowMin(env, static_cast<size_t>(m));
-        if (!rowMin.p) return VRX_ERROR_OUT_OF_MEMORY;
-        scaleGeometric(A, r.p, c.p, t1.p, rowMin.p);
+        if (!rowMin.a) return VRX_ERROR_OUT_OF_MEMORY;
+        scaleGeometric(A, r.a, c.a, t1.a, rowMin.a);
       } else {
-        scaleAlternating(A, d->lb, d->ub, r.p, c.p, t1.p, t2.p);
+        scaleAlternating(A, d->lb, d->ub, r.a, c.a, t1.a, t2.a);
       }
       // Rows and columns without entries keep factor 1 (a column its start from Q).
-      rowMaxima(A, c.p, t1.p);
+      rowMaxima(A, c.a, t1.a);
       for (int i = 0; i < m; i++) r[i] = t1[i] > 0.0 ? roundF(r[i], &alt) : 1.0;
       for (int j = 0; j < n; j++)
         if (d->colLen[j] > 0 || c[j] != 1.0) c[j] = roundF(c[j], &alt);

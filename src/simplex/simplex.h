@@ -11,3 +11,8 @@ int VRXdualSolve(VRXlp* lp, vrx::Clock& clock);
 // The primal simplex on a loaded record, from any basis. Same conventions;
 // it can hand back to the dual the way the dual hands over to it.
 int VRXprimalSolve(VRXlp* lp, vrx::Clock& clock);
+// The primal simplex for a convex quadratic objective (the solver copy's Q) on a loaded
+// record: phase I, then reduced-gradient steps over the superbasic variables. Same
+// conventions; a superbasic ends with code -3 and its value in warmStart. 10020 when a
+// direction of negative curvature shows the objective is not convex.
+int VRXqpSolve(VRXlp* lp, vrx::Clock& clock);

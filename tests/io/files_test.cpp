@@ -188,3 +188,116 @@ TEST_F(Files, WriteHandlesSensesMaxAndSpecialColumns) {
   VRXfreemodel(a);
   VRXfreemodel(b);
 }
+
+namespace {
+
+std::string fileText(const std::string& path) {
+  std::string text;
+  if (FILE* f = std::fopen(path.c_str(), "rb")) {
+    char buf[4096];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
+    std::fclose(f);
+  }
+  return text;
+}
+
+std::string nameOf(VRXmodel* m, const char* attr, int k) {
+  char* name = nullptr;
+  EXPECT_EQ(0, VRXgetstrattrelement(m, attr, k, &name)) << attr << " " << k;
+  return name ? name : "";
+}
+
+}  // namespace
+
+TEST_F(Files, RewWritesDefaultNamesForEveryKindOfRow) {
+  const char* vn[] = {"alpha", "beta", "gamma", "flag"};
+  double lb[] = {0, 0, -3, 0};
+  double ub[] = {10, 1e100, 3, 1};
+  char vt[] = {'C', 'C', 'I', 'B'};
+  VRXmodel* a = nullptr;
+  ASSERT_EQ(0, VRXnewmodel(env, &a, "secret", 4, nullptr, lb, ub, vt, const_cast<char**>(vn)));
+  int i01[] = {0, 1};
+  double v01[] = {1, 2};
+  ASSERT_EQ(0, VRXaddconstr(a, 2, i01, v01, '<', 8, "capacity"));
+  ASSERT_EQ(0, VRXaddconstr(a, 2, i01, v01, '>', 1, "demand"));
+  int qi[] = {0}, li[] = {2};
+  double qv[] = {1}, lv[] = {1};
+  ASSERT_EQ(0, VRXaddqconstr(a, 1, li, lv, 1, qi, qi, qv, '<', 9, "ball"));
+  ASSERT_EQ(0, VRXaddgenconstrIndicator(a, "onlyif", 3, 1, 2, i01, v01, '<', 2));
+  ASSERT_EQ(0, VRXaddgenconstrAbs(a, "absval", 1, 2));
+  ASSERT_EQ(0, VRXupdatemodel(a));
+
+  const std::string rew = dir + "/m.rew";
+  captureLogOf(VRXgetenv(a));
+  ASSERT_EQ(0, VRXwrite(a, rew.c_str())) << VRXgetmerrormsg(a);
+  // The rewrite is asked for: no warning about default names.
+  EXPECT_EQ(std::string::npos, capturedLog().find("default")) << capturedLog();
+  const std::string text = fileText(rew);
+  for (const char* secret : {"alpha", "beta", "gamma", "flag", "capacity", "demand", "ball", "onlyif", "absval"})
+    EXPECT_EQ(std::string::npos, text.find(secret)) << secret << "\n" << text;
+  EXPECT_NE(std::string::npos, text.find(" L  R0"));
+  EXPECT_NE(std::string::npos, text.find("QCMATRIX   QC0"));
+  EXPECT_NE(std::string::npos, text.find(" IF GC0"));
+  EXPECT_NE(std::string::npos, text.find(" ABS GC1"));
+
+  // The same model under the default names; compressed by suffix like any file.
+  for (const char* suffix : {".rew", ".rew.gz"}) {
+    SCOPED_TRACE(suffix);
+    const std::string path = dir + "/again" + suffix;
+    ASSERT_EQ(0, VRXwrite(a, path.c_str()));
+    VRXmodel* b = nullptr;
+    ASSERT_EQ(0, VRXreadmodel(env, path.c_str(), &b)) << VRXgeterrormsg(env);
+    expectSameStore(a->data, b->data);
+    EXPECT_EQ("C2", nameOf(b, "VarName", 2));
+    EXPECT_EQ("R1", nameOf(b, "ConstrName", 1));
+    EXPECT_EQ("QC0", nameOf(b, "QCName", 0));
+    int gens = 0;
+    EXPECT_EQ(0, VRXgetintattr(b, "NumGenConstrs", &gens));
+    EXPECT_EQ(2, gens);
+    VRXfreemodel(b);
+  }
+  VRXfreemodel(a);
+}
+
+TEST_F(Files, MpsWriterAvoidsNamesThatWouldNotReadBack) {
+  struct Case {
+    const char* what;
+    const char* vars[2];
+    const char* rows[2];
+    const char* qc;       // a quadratic constraint's name, or null for none
+    const char* warning;  // the log line the writer gives
+  };
+  const Case cases[] = {
+      {"a row named like the objective", {"x", "y"}, {"OBJ", "c"}, nullptr,
+       "Warning: default constraint names used to write mps file\n"},
+      {"repeated variable names", {"x", "x"}, {"a", "b"}, nullptr,
+       "Warning: default variable names used to write mps file\n"},
+      {"a row named like the marker literal", {"x", "y"}, {"'MARKER'", "b"}, nullptr,
+       "Warning: default constraint names used to write mps file\n"},
+      {"a quadratic row named like a linear one", {"x", "y"}, {"a", "b"}, "b",
+       "Warning: default Q constraint names used to write mps file\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    VRXmodel* a = nullptr;
+    ASSERT_EQ(0, VRXnewmodel(env, &a, "names", 2, nullptr, nullptr, nullptr, nullptr,
+                             const_cast<char**>(c.vars)));
+    int ind[] = {0, 1};
+    double val[] = {1, 1};
+    ASSERT_EQ(0, VRXaddconstr(a, 2, ind, val, '<', 4, c.rows[0]));
+    ASSERT_EQ(0, VRXaddconstr(a, 1, ind + 1, val, '>', 1, c.rows[1]));
+    if (c.qc) ASSERT_EQ(0, VRXaddqconstr(a, 0, nullptr, nullptr, 1, ind, ind, val, '<', 2, c.qc));
+    ASSERT_EQ(0, VRXupdatemodel(a));
+    captureLogOf(VRXgetenv(a));
+    const std::string path = dir + "/names.mps";
+    ASSERT_EQ(0, VRXwrite(a, path.c_str()));
+    EXPECT_NE(std::string::npos, capturedLog().find(c.warning)) << capturedLog();
+    VRXmodel* b = nullptr;
+    ASSERT_EQ(0, VRXreadmodel(env, path.c_str(), &b)) << VRXgeterrormsg(env);
+    expectSameStore(a->data, b->data);
+    EXPECT_EQ(a->data->numQConstrs, b->data->numQConstrs);
+    VRXfreemodel(b);
+    VRXfreemodel(a);
+  }
+}

@@ -1115,3 +1115,79 @@ TEST_F(LpFile, OtherSolversReadOurFilesToTheReferenceOptimum) {
 }
 
 }  // namespace
+
+namespace {
+
+// Faults the fuzzer found, kept as plain cases.
+TEST_F(LpFile, FuzzerFindingsStayFixed) {
+  // An SOS set without members reads, and writes back.
+  VRXmodel* m = read("min\n x\nst\n c: x >= 1\nsos\n s1: S1 ::\n s2: S2 :: x:1\nend\n");
+  ASSERT_NE(nullptr, m);
+  EXPECT_EQ(2, m->data->numSOS);
+  VRXfreemodel(m);
+  // A name that C reads as a hexadecimal number, and numeric names, stay
+  // names in the MPS file's general constraints.
+  m = read("min\n x\nst\n c: x + y >= 1\ngeneral constraints\n"
+           " g: r = MAX ( 0x1p3 , 7 , y , 2 )\n h: 1e5 = AND ( b )\nend\n");
+  ASSERT_NE(nullptr, m);
+  const std::string out = dir + "/names.mps";
+  ASSERT_EQ(0, VRXwrite(m, out.c_str()));
+  VRXmodel* b = nullptr;
+  ASSERT_EQ(0, VRXreadmodel(env, out.c_str(), &b)) << VRXgeterrormsg(env);
+  ASSERT_EQ(2, b->data->numGenConstrs);
+  const VRXgenconstr& g = b->data->genConstrs[0];
+  ASSERT_EQ(2, g.count);  // 0x1p3 and y; 7 and 2 are constants
+  EXPECT_EQ("0x1p3", varName(b->data, g.vars[0]));
+  EXPECT_EQ(7.0, g.constant);
+  EXPECT_EQ("1e5", varName(b->data, b->data->genConstrs[1].resultVar));
+  VRXfreemodel(b);
+  VRXfreemodel(m);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(LpFile, NamesTheReaderWouldMisreadAdviseRlp) {
+  struct Case {
+    const char* name;
+    bool withMax;  // a MAX constraint takes the variable as an operand
+    bool advised;
+  };
+  const Case cases[] = {{"plain", false, false}, {"Constant", false, true}, {"Constant3", false, true},
+                        {"__pwl(x)", false, true}, {"end", false, true},     {"a^b", false, true},
+                        {"<=", false, true},       {"[", false, true},       {"a\\b", false, true},
+                        {"7", false, false},       {"7", true, true},        {"ok7", true, false}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const char* vn[] = {c.name, "y", "r"};
+    double obj[] = {1, 2, 0};
+    VRXmodel* m = nullptr;
+    ASSERT_EQ(0, VRXnewmodel(env, &m, "n", 3, obj, nullptr, nullptr, nullptr, const_cast<char**>(vn)));
+    int ind[] = {0, 1};
+    double val[] = {3, 1};
+    ASSERT_EQ(0, VRXaddconstr(m, 2, ind, val, '>', 1, "c"));
+    if (c.withMax) ASSERT_EQ(0, VRXaddgenconstrMax(m, "g", 2, 2, ind, 1.0));
+    ASSERT_EQ(0, VRXupdatemodel(m));
+    captureLogOf(VRXgetenv(m));
+    const std::string out = dir + "/n.lp";
+    ASSERT_EQ(0, VRXwrite(m, out.c_str()));
+    EXPECT_EQ(c.advised, logged("Warning: to let Vornix read it back, use rlp format\n"));
+    // Without the advice the file reads back as written.
+    if (!c.advised) {
+      VRXmodel* b = nullptr;
+      ASSERT_EQ(0, VRXreadmodel(env, out.c_str(), &b)) << capturedLog();
+      EXPECT_EQ(3, b->data->numVars);
+      const int j = var(b, c.name);
+      ASSERT_GE(j, 0);
+      EXPECT_EQ(1.0, b->data->obj[j]);
+      EXPECT_EQ(3.0, b->data->val[b->data->colBeg[j]]);
+      EXPECT_EQ(m->data->numGenConstrs, b->data->numGenConstrs);
+      if (c.withMax) EXPECT_EQ(2, b->data->genConstrs[0].count);
+      VRXfreemodel(b);
+    }
+    VRXfreemodel(m);
+  }
+}
+
+}  // namespace

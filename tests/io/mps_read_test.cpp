@@ -228,3 +228,95 @@ TEST_F(MpsRead, EveryBenchmarkFileReads) {
   }
   EXPECT_EQ(111, files);
 }
+
+TEST_F(MpsRead, BadInputGivesWarningsOrALineError) {
+  // Unknown names and repeated entries are warned about, and the read goes on.
+  ASSERT_EQ(0, readText("NAME w\nROWS\n N obj\n L r\n E e\nCOLUMNS\n x obj 1 r 1\n x e 1\n"
+                        " bnd r 1\n 7 r 1\n"
+                        "RHS\n rhs r 4 nope 1\n rhs r 5\nRANGES\n rng e 2 nope 1\n rng obj 1\n"
+                        " rng e 3\nBOUNDS\n UP bnd ghost 1\n FR bnd 7\nENDATA\n"));
+  const std::string& log = capturedLog();
+  for (const char* line : {"Warning: row name nope in rhs section not defined.\n",
+                           "Warning: duplicate row r in rhs section.\n",
+                           "Warning: range row nope isn't defined in row section.\n",
+                           "Warning: range row obj for objective isn't supported.\n",
+                           "Warning: duplicate range row e.\n",
+                           "Warning: column name ghost in bound section not defined\n"})
+    EXPECT_NE(std::string::npos, log.find(line)) << line;
+  EXPECT_EQ(5.0, d.rhs[0]);        // the last entry wins
+  // "FR bnd 7" frees the column 7 of the set bnd, though bnd is a column too.
+  EXPECT_EQ(-1e100, d.lb[col("7")]);
+  EXPECT_EQ(0.0, d.lb[col("bnd")]);
+  EXPECT_EQ(3.0, d.ub[col("MPS_Rge")]);
+
+  // Numbers beyond infinity, overflows included, are infinity: 1e100.
+  ASSERT_EQ(0, readText("NAME x\nROWS\n N obj\n L r\nCOLUMNS\n x obj 1e400 r -inf\n"
+                        "RHS\n rhs obj 1e999\nRANGES\n rng r inf\nQUADOBJ\n x x 1e308\nENDATA\n"));
+  EXPECT_EQ(1e100, d.obj[col("x")]);
+  EXPECT_EQ(-1e100, coef(0, col("x")));
+  EXPECT_EQ(-1e100, d.objCon);
+  EXPECT_EQ(1e100, d.ub[col("MPS_Rgr")]);
+  ASSERT_EQ(1, d.numQNZs);
+  EXPECT_EQ(0.5e100, d.qVal[0]);
+
+  // Texts that are no numbers, overlong names and lines, NUL bytes and
+  // binary garbage end the read at their line.
+  const std::string head = "NAME x\nROWS\n N obj\n L r\nCOLUMNS\n";
+  struct Case {
+    std::string text;
+    int line;
+  };
+  const std::string longName(256, 'n');
+  const Case cases[] = {
+      {head + " x obj nan\nENDATA\n", 6},
+      {head + " x obj 1 r 0x10\nENDATA\n", 6},
+      {head + " x r 1\nQUADOBJ\n x x 1,5\nENDATA\n", 8},
+      {head + " x r 1\nRHS\n rhs obj --1\nENDATA\n", 8},
+      {head + " x r 1\nRANGES\n rng r NaN\nENDATA\n", 8},
+      {head + " " + longName + " r 1\nENDATA\n", 6},
+      {head + " x r 1\n" + std::string(1 << 21, 'y') + "\nENDATA\n", 7},
+      {head + std::string(" x r 1\0 junk\n", 13) + "ENDATA\n", 6},
+      {head + " x r 1\n\x89PNG\x1a\x0b\xff\xfe\nENDATA\n", 7},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text.substr(0, 120));
+    capturedLog().clear();
+    vrx::setError(env, 0);
+    EXPECT_EQ(VRX_ERROR_FILE_READ, readText(c.text));
+    const std::string want = "MPS read error at line " + std::to_string(c.line) + ":\n";
+    EXPECT_EQ(0, std::string(VRXgeterrormsg(env)).compare(0, want.size(), want)) << VRXgeterrormsg(env);
+    EXPECT_NE(std::string::npos, capturedLog().find("Error at line " + std::to_string(c.line) + ":\n"));
+    // Long lines are cut short in the log.
+    EXPECT_LT(capturedLog().size(), 1000u);
+    EXPECT_EQ(nullptr, d.obj);
+  }
+  // Texts of their own: an unknown quadratic column, too many fields.
+  capturedLog().clear();
+  EXPECT_EQ(VRX_ERROR_FILE_READ, readText(head + " x r 1\nQUADOBJ\n x z 1\nENDATA\n"));
+  EXPECT_NE(std::string::npos, capturedLog().find("  variable name in the quadratic section not found\n"));
+  EXPECT_STREQ("MPS read error at line 8:\n x z 1\n", VRXgeterrormsg(env));
+  capturedLog().clear();
+  EXPECT_EQ(VRX_ERROR_FILE_READ, readText(head + " x obj 1 r 1 s 2 t\nENDATA\n"));
+  EXPECT_NE(std::string::npos, capturedLog().find("Error: not free format mps file.\n"));
+  EXPECT_STREQ("MPS reader: not free format\n", VRXgeterrormsg(env));
+  // A model without objective coefficients reads, with a warning.
+  capturedLog().clear();
+  ASSERT_EQ(0, readText(head + " x r 1\nENDATA\n"));
+  EXPECT_NE(std::string::npos, capturedLog().find("Warning: no linear objective.\n"));
+}
+
+TEST_F(MpsRead, OldSosMarkersNumberTheirMembers) {
+  ASSERT_EQ(0, readText("NAME s\nROWS\n N obj\n L r\nCOLUMNS\n"
+                        "    MARKER  'MARKER'  'SOSORG'\n a r 1\n b r 1\n c r 1\n"
+                        "    MARKER  'MARKER'  'SOSEND'\n"
+                        " S2 SOS       'MARKER'                 'SOSORG'\n d r 1\n e r 1\n"
+                        "    MARKER  'MARKER'  'SOSEND'\n f obj 1\nENDATA\n"));
+  ASSERT_EQ(2, d.numSOS);
+  EXPECT_EQ(1, d.sosType[0]);
+  EXPECT_EQ(2, d.sosType[1]);
+  ASSERT_EQ(3, d.sosBeg[1] - d.sosBeg[0]);
+  ASSERT_EQ(2, d.sosBeg[2] - d.sosBeg[1]);
+  for (int k = 0; k < 3; ++k) EXPECT_EQ(k + 1.0, d.sosWeight[d.sosBeg[0] + k]);
+  EXPECT_EQ(1.0, d.sosWeight[d.sosBeg[1]]);
+  EXPECT_EQ(2.0, d.sosWeight[d.sosBeg[1] + 1]);
+}

@@ -1,7 +1,10 @@
 // The optimize driver's frame and the callback calls.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "../support/capture.h"
@@ -173,4 +176,74 @@ TEST_F(Optimize, CallbackCallsCheckTheirBlock) {
   VRXfreemodel(m);
   m = nullptr;
   (void)block;
+}
+
+namespace {
+
+// Holds the solve at a simplex log line past 200 iterations until the test has read it.
+struct Gate {
+  std::atomic<int> state{0};  // 0 running, 1 held, 2 released
+};
+
+int holdAtProgress(VRXmodel*, void* cbdata, int where, void* usr) {
+  auto* g = static_cast<Gate*>(usr);
+  if (where != VRX_CB_SIMPLEX || g->state.load() != 0) return 0;
+  double it = 0;
+  EXPECT_EQ(0, VRXcbget(cbdata, where, VRX_CB_SPX_ITRCNT, &it));
+  if (it < 200) return 0;
+  g->state.store(1);
+  while (g->state.load() == 1) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  return 0;
+}
+
+}  // namespace
+
+// While an asynchronous solve runs the cached attributes follow it: the iteration count
+// read in the middle of the run is the progress so far, other reads get 10017; the user's
+// callback runs beside the private step, which goes away with the run.
+TEST_F(Optimize, AsynchronousCacheFollowsTheSolve) {
+  std::string path = std::string(VRX_SHARED_DATA) + "/netlib/scfxm2.mps.gz";
+  ASSERT_EQ(0, VRXreadmodel(env, path.c_str(), &m));
+  VRXenv* menv = VRXgetenv(m);
+  VRXsetintparam(menv, "Method", 0);
+  VRXsetintparam(menv, "Presolve", 0);
+  Gate gate;
+  ASSERT_EQ(0, VRXsetcallbackfunc(m, holdAtProgress, &gate));
+  ASSERT_EQ(0, VRXoptimizeasync(m));
+  for (int k = 0; k < 60000 && gate.state.load() != 1; k++)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  ASSERT_EQ(1, gate.state.load()) << "the solve never reached 200 iterations";
+  int status = 0, n = 0;
+  double iters = -1, obj = 0, nodes = 0;
+  EXPECT_EQ(0, VRXgetintattr(m, "Status", &status));
+  EXPECT_EQ(VRX_INPROGRESS, status);
+  EXPECT_EQ(0, VRXgetdblattr(m, "IterCount", &iters));
+  EXPECT_GE(iters, 100.0);  // the log line before this one went into the cache
+  EXPECT_LT(iters, 200.0 + 100.0);
+  EXPECT_EQ(0, VRXgetdblattr(m, "ObjVal", &obj));
+  EXPECT_EQ(1e100, obj);
+  EXPECT_EQ(0, VRXgetdblattr(m, "NodeCount", &nodes));
+  EXPECT_EQ(-1.0, nodes);
+  EXPECT_EQ(VRX_ERROR_OPTIMIZATION_IN_PROGRESS, VRXgetintattr(m, "NumVars", &n));
+  EXPECT_EQ(VRX_ERROR_OPTIMIZATION_IN_PROGRESS, VRXgetdblattr(m, "Runtime", &obj));
+  VRXcallback cb = nullptr;
+  EXPECT_EQ(VRX_ERROR_OPTIMIZATION_IN_PROGRESS, VRXgetcallbackfunc(m, &cb));
+  gate.state.store(2);
+  EXPECT_EQ(0, VRXsync(m));
+  EXPECT_EQ(0, VRXgetintattr(m, "Status", &status));
+  EXPECT_EQ(VRX_OPTIMAL, status);
+  double finalIters = 0;
+  VRXgetdblattr(m, "IterCount", &finalIters);
+  EXPECT_GT(finalIters, iters);
+  ASSERT_EQ(0, VRXgetcallbackfunc(m, &cb));
+  EXPECT_EQ(holdAtProgress, cb);
+  // Without a user callback the private step is the only one, and it goes with the run.
+  ASSERT_EQ(0, VRXsetcallbackfunc(m, nullptr, nullptr));
+  VRXsetintparam(menv, "Method", 1);
+  ASSERT_EQ(0, VRXoptimizeasync(m));
+  EXPECT_EQ(0, VRXsync(m));
+  ASSERT_EQ(0, VRXgetcallbackfunc(m, &cb));
+  EXPECT_EQ(nullptr, cb);
+  EXPECT_EQ(0, VRXgetintattr(m, "Status", &status));
+  EXPECT_EQ(VRX_OPTIMAL, status);
 }

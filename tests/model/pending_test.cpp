@@ -411,6 +411,9 @@ TEST_F(Pending, QuadraticTermsMergeAndFollowTheSense) {
   EXPECT_EQ(2.0, qv[0]);
   EXPECT_EQ(2.0, qv[1]);
   EXPECT_EQ(-4.0, max->data->qVal[0]);  // 2 * a * modelSense
+  // A value that is finite but would not be once doubled in the store is refused.
+  const double huge[1] = {1.5e308};
+  EXPECT_EQ(VRX_ERROR_INVALID_ARGUMENT, VRXaddqpterms(max, 1, r, c, huge));
   // Terms that cancel go; a deletion drops the terms staged before it.
   const double neg[1] = {-2};
   ASSERT_EQ(0, VRXaddqpterms(max, 1, r, c, neg));

@@ -53,6 +53,37 @@ TEST(PresolveFrame, EveryAllocationFailureIsCleanAndLeavesNothing) {
   EXPECT_GT(calls, 10);
 }
 
+TEST(PresolveFrame, MapKeptOnTheModelGoesWithAChangeAndWithTheModel) {
+  HookState hs;
+  VRXenv* env = nullptr;
+  ASSERT_EQ(0, loadWithHooks(&env, &hs));
+  VRXsetintparam(env, "OutputFlag", 0);
+  VRXmodel* m = nullptr;
+  ASSERT_EQ(0, VRXreadmodel(env, netlib("afiro").c_str(), &m));
+  auto keep = [&] {
+    double work = 0;
+    vrx::PresolveOut out;
+    ASSERT_EQ(0, vrx::presolveLP(m, &work, 0, &out));
+    ASSERT_EQ(0, out.status);
+    vrx::presolveMapKeep(m, out.presolved, out.map);
+    EXPECT_EQ(out.map, m->presolveMap);
+    EXPECT_EQ(out.presolved, m->presolveMap->presolved);
+  };
+  keep();
+  keep();  // the second replaces the first
+  const long liveKept = hs.live;
+  // A change of the model drops the pair at the update.
+  ASSERT_EQ(0, VRXsetdblattrelement(m, "Obj", 0, 2.5));
+  ASSERT_EQ(0, VRXupdatemodel(m));
+  EXPECT_EQ(nullptr, m->presolveMap);
+  EXPECT_LT(hs.live, liveKept);
+  keep();
+  // and the free of the model takes it along.
+  VRXfreemodel(m);
+  VRXfreeenv(env);
+  EXPECT_EQ(0, hs.live);
+}
+
 TEST(PresolveFrame, RunsOnSeveralThreadsAndNested) {
   const char* names[] = {"bandm", "scagr25", "ship08s", "standmps"};
   auto ref = reference("netlib");

@@ -23,17 +23,12 @@
 #include "presolve/undo.h"
 #include "simplex/lp.h"
 #include "vornix_c.h"
+#include "../support/shared_data.h"
+#include "../support/quiet_env.h"
 
 namespace pretest {
 
-struct Env {
-  VRXenv* env = nullptr;
-  Env() {
-    EXPECT_EQ(0, VRXloadenv(&env, nullptr));
-    VRXsetintparam(env, "OutputFlag", 0);
-  }
-  ~Env() { VRXfreeenv(env); }
-};
+using Env = vrxtest::QuietEnv;
 
 // A small LP given column by column; rows in the caller's senses.
 using Def = ModelDef;
@@ -199,25 +194,68 @@ inline Quality measure(const VRXmodeldata* d, const Result& r) {
 }
 
 inline std::map<std::string, double> reference(const std::string& set) {
-  std::map<std::string, double> ref;
-  std::ifstream in(std::string(VRX_SHARED_DATA) + "/reference.csv");
-  std::string line;
-  std::getline(in, line);
-  while (std::getline(in, line)) {
-    std::stringstream ss(line);
-    std::string name, s, rows, cols, obj;
-    std::getline(ss, name, ',');
-    std::getline(ss, s, ',');
-    std::getline(ss, rows, ',');
-    std::getline(ss, cols, ',');
-    std::getline(ss, obj, ',');
-    if (s == set) ref[name] = std::atof(obj.c_str());
-  }
-  return ref;
+  return vrxtest::referenceObjectives(set);
 }
 
 inline bool closeTo(double a, double b, double rel = 1e-6) {
   return std::fabs(a - b) <= rel * std::max(1.0, std::fabs(b));
+}
+
+// ---- a reduction on a small model, solved with and without presolve ----
+
+struct Plain {
+  int status = -1;
+  double obj = 0;
+  std::vector<double> x, y, d;
+};
+
+inline Plain plain(VRXmodel* m) {
+  Plain p;
+  const int n = m->data->numVars, rows = m->data->numConstrs;
+  p.x.assign(n + 1, 0);
+  p.y.assign(rows + 1, 0);
+  p.d.assign(n + 1, 0);
+  std::vector<int> cs(n + 1), rs(rows + 1);
+  vrx::LPPoint pt{p.x.data(), p.y.data(), p.d.data(), cs.data(), rs.data()};
+  double iters = 0;
+  p.status = solveStore(m, nullptr, nullptr, &iters, &p.obj, &pt);
+  return p;
+}
+
+inline bool has(const Result& r, int kind) { return std::find(r.kinds.begin(), r.kinds.end(), kind) != r.kinds.end(); }
+
+enum Compare { kPrimal = 1, kDual = 2 };
+
+// Solves both ways; the walked-back point must be optimal on the original,
+// its basis must need no clean-up, and the chosen parts must agree.
+inline Result bothWays(const Def& def, int compare, const char* what,
+                       std::vector<std::pair<const char*, int>> intParams = {}) {
+  Env e;
+  VRXmodel* a = load(e.env, def);
+  VRXmodel* b = load(e.env, def);
+  for (auto& pv : intParams) VRXsetintparam(VRXgetenv(b), pv.first, pv.second);
+  Plain p = plain(a);
+  Result r = run(b, true);
+  EXPECT_EQ(2, p.status) << what;
+  EXPECT_EQ(0, r.presolveStatus) << what;
+  EXPECT_EQ(2, r.status) << what;
+  EXPECT_NEAR(p.obj, r.obj, 1e-7 * (1 + std::fabs(p.obj))) << what;
+  if (r.status == 2) {
+    Quality q = measure(b->data, r);
+    EXPECT_LT(q.primal, 1e-9) << what;
+    EXPECT_LT(q.dual, 1e-9) << what;
+    EXPECT_LT(q.identity, 1e-12) << what;
+    EXPECT_EQ(q.rows, q.basics) << what;
+    EXPECT_EQ(2, r.cleanupStatus) << what;
+    EXPECT_EQ(0, r.cleanupIters) << what;
+    const int n = b->data->numVars, rows = b->data->numConstrs;
+    for (int j = 0; j < n && (compare & kPrimal); ++j) EXPECT_NEAR(p.x[j], r.x[j], 1e-9) << what << " x" << j;
+    for (int j = 0; j < n && (compare & kDual); ++j) EXPECT_NEAR(p.d[j], r.d[j], 1e-9) << what << " d" << j;
+    for (int i = 0; i < rows && (compare & kDual); ++i) EXPECT_NEAR(p.y[i], r.y[i], 1e-9) << what << " y" << i;
+  }
+  VRXfreemodel(a);
+  VRXfreemodel(b);
+  return r;
 }
 
 }  // namespace pretest

@@ -62,17 +62,7 @@ using namespace pretest;
 // equations of two entries, set partitioning, big-M rows).
 TEST(PresolveNetlib, MiplibRelaxations) {
   auto ref = pretest::reference("miplib3");
-  std::ifstream in(std::string(VRX_SHARED_DATA) + "/reference.csv");
-  std::map<std::string, double> relax;
-  std::string line;
-  std::getline(in, line);
-  while (std::getline(in, line)) {
-    std::vector<std::string> f;
-    std::stringstream ss(line);
-    std::string cell;
-    while (std::getline(ss, cell, ',')) f.push_back(cell);
-    if (f.size() >= 7 && f[1] == "miplib3" && !f[6].empty()) relax[f[0]] = std::atof(f[6].c_str());
-  }
+  std::map<std::string, double> relax = vrxtest::referenceColumn("miplib3", 6);
   const bool all = std::getenv("VRX_PRE_ALLMIP") != nullptr;
   const char* only = std::getenv("VRX_PRE_ONLY");
   const std::vector<std::string> some = {"bell5", "dcmulti", "egout", "fixnet6", "flugpl", "gen", "gesa2", "khb05250",

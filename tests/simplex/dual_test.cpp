@@ -22,20 +22,16 @@
 #include "env/clock.h"
 #include "model/model.h"
 #include "model/modeldata.h"
+#include "presolve/lpbridge.h"
 #include "simplex/lp.h"
 #include "simplex/simplex.h"
 #include "vornix_c.h"
+#include "../support/shared_data.h"
+#include "../support/quiet_env.h"
 
 namespace {
 
-struct Env {
-  VRXenv* env = nullptr;
-  Env() {
-    EXPECT_EQ(0, VRXloadenv(&env, nullptr));
-    VRXsetintparam(env, "OutputFlag", 0);
-  }
-  ~Env() { VRXfreeenv(env); }
-};
+using Env = vrxtest::QuietEnv;
 
 struct Model {
   VRXmodel* model = nullptr;
@@ -60,6 +56,9 @@ VRXmodel* load(VRXenv* env, const ModelDef& s) {
 // Objective of the record in the model's sense and true units.
 double objectiveOf(const VRXlp* lp) { return lp->sense * lp->dualObj; }
 
+// The dual, and the primal after a hand-over, as the LP driver's loop runs them.
+int runLoop(VRXlp* lp, vrx::Clock& clock) { return vrx::lpRunSimplex(lp, 1, clock); }
+
 // Runs the dual on the record made by the setup; returns the status.
 int solve(Model& mm, double* seconds = nullptr) {
   double work = 0;
@@ -69,7 +68,7 @@ int solve(Model& mm, double* seconds = nullptr) {
   if (!mm.lp()) return -1;
   vrx::Clock clock = vrx::clockStart();
   auto t0 = std::chrono::steady_clock::now();
-  int rc = VRXdualSolve(mm.lp(), clock);
+  int rc = runLoop(mm.lp(), clock);
   auto t1 = std::chrono::steady_clock::now();
   if (seconds) *seconds = std::chrono::duration<double>(t1 - t0).count();
   EXPECT_EQ(0, rc);
@@ -77,21 +76,7 @@ int solve(Model& mm, double* seconds = nullptr) {
 }
 
 std::map<std::string, double> readReference() {
-  std::map<std::string, double> ref;
-  std::ifstream in(std::string(VRX_SHARED_DATA) + "/reference.csv");
-  std::string line;
-  std::getline(in, line);
-  while (std::getline(in, line)) {
-    std::stringstream ss(line);
-    std::string name, set, rows, cols, obj;
-    std::getline(ss, name, ',');
-    std::getline(ss, set, ',');
-    std::getline(ss, rows, ',');
-    std::getline(ss, cols, ',');
-    std::getline(ss, obj, ',');
-    if (set == "netlib") ref[name] = std::atof(obj.c_str());
-  }
-  return ref;
+  return vrxtest::referenceObjectives("netlib");
 }
 
 bool closeTo(double a, double b) { return std::fabs(a - b) <= 1e-6 * std::max(1.0, std::fabs(b)); }
@@ -629,7 +614,7 @@ TEST(DualSimplex, MemoryComesFromTheEnvironment) {
       ASSERT_EQ(0, VRXlpSetup(mm.model, 1, &work));
       const long before = hs.calls;
       vrx::Clock clock = vrx::clockStart();
-      EXPECT_EQ(0, VRXdualSolve(mm.lp(), clock));
+      EXPECT_EQ(0, runLoop(mm.lp(), clock));
       EXPECT_EQ(2, mm.lp()->status);
       solveCalls = hs.calls - before;
     }
@@ -650,7 +635,7 @@ TEST(DualSimplex, MemoryComesFromTheEnvironment) {
       ASSERT_EQ(0, VRXlpSetup(mm.model, 1, &work));
       hs.failAt = hs.calls + k;
       vrx::Clock clock = vrx::clockStart();
-      const int rc = VRXdualSolve(mm.lp(), clock);
+      const int rc = runLoop(mm.lp(), clock);
       hs.failAt = -1;
       EXPECT_TRUE(rc == VRX_ERROR_OUT_OF_MEMORY || (rc == 0 && mm.lp()->status == 2)) << k << " " << rc;
     }
@@ -682,7 +667,7 @@ TEST(DualSimplex, WarmResolveAfterBoundChange) {
   lp->status = 1;
   lp->iterCount = 0;
   vrx::Clock clock = vrx::clockStart();
-  ASSERT_EQ(0, VRXdualSolve(lp, clock));
+  ASSERT_EQ(0, runLoop(lp, clock));
   EXPECT_EQ(2, lp->status);
   EXPECT_LT(lp->iterCount, first);
   EXPECT_LT(primalViolation(lp, primalOf(lp)), 1e-6);
@@ -695,12 +680,299 @@ TEST(DualSimplex, WarmResolveAfterBoundChange) {
   lp->exactNorm = 1;
   lp->priceChoice = 1;
   lp->status = 1;
-  ASSERT_EQ(0, VRXdualSolve(lp, clock));
+  ASSERT_EQ(0, runLoop(lp, clock));
   EXPECT_EQ(2, lp->status);
   EXPECT_EQ(1, lp->priceMode);
   EXPECT_LT(primalViolation(lp, primalOf(lp)), 1e-6);
   EXPECT_LT(dualViolation(lp), 1e-6);
   EXPECT_LE(primalOf(lp)[var], value / 4 + 1e-9);
+}
+
+// A Netlib model with its output silent.
+VRXmodel* readNetlib(VRXenv* env, const char* name) {
+  VRXmodel* m = nullptr;
+  EXPECT_EQ(0, VRXreadmodel(env, (std::string(VRX_SHARED_DATA) + "/netlib/" + name + ".mps.gz").c_str(), &m));
+  if (m) VRXsetintparam(VRXgetenv(m), "OutputFlag", 0);
+  return m;
+}
+
+TEST(DualSimplex, PerturbedEndHandsOverToThePrimal) {
+  // Models whose perturbed optimum is not dual feasible for the true costs: the dual stops
+  // with -1004, costs and objective factor back to their true values and the record made
+  // ready for the primal, which reaches the reference optimum.
+  const auto ref = readReference();
+  int handed = 0;
+  for (const char* name : {"afiro", "lotfi", "fffff800"}) {
+    SCOPED_TRACE(name);
+    Env e;
+    Model mm(readNetlib(e.env, name));
+    double work = 0;
+    ASSERT_EQ(0, VRXlpSetup(mm.model, 1, &work));
+    VRXlp* lp = mm.lp();
+    const double objScale = lp->objScale;
+    const std::vector<double> cost(lp->cost, lp->cost + lp->n + lp->m);
+    vrx::Clock clock = vrx::clockStart();
+    ASSERT_EQ(0, VRXdualSolve(lp, clock));
+    if (lp->status == 2) continue;
+    ASSERT_EQ(-1004, lp->status);
+    handed++;
+    EXPECT_EQ(0, lp->method);  // set by the hand-over
+    EXPECT_EQ(1.0, lp->extraScale);
+    EXPECT_EQ(objScale, lp->objScale);
+    EXPECT_EQ(cost, std::vector<double>(lp->cost, lp->cost + lp->n + lp->m));
+    for (int j = 0; j < lp->n + lp->m; j++) ASSERT_EQ(0.0, lp->pricing->costShift[j]) << j;
+    ASSERT_EQ(0, runLoop(lp, clock));
+    ASSERT_EQ(2, lp->status);
+    EXPECT_NE(nullptr, lp->primal);
+    EXPECT_TRUE(closeTo(objectiveOf(lp), ref.at(name))) << objectiveOf(lp);
+    EXPECT_LT(primalViolation(lp, primalOf(lp)), 1e-6);
+    EXPECT_LT(dualViolation(lp), 1e-6);
+  }
+  EXPECT_EQ(2, handed);  // afiro ends optimal in the dual itself
+}
+
+TEST(DualSimplex, SmallPivotOnTheRetryPass) {
+  // One row, -2e-7 x - 3e-6 y + s = -1, s >= 0: its slack leaves, and x is the pivot the
+  // ratio test picks. Unscaled so the tiny entries stay tiny.
+  auto setup = [](Env& e, bool withY, Model* out) {
+    ModelDef d;
+    d.obj = withY ? std::vector<double>{1, 1e-9} : std::vector<double>{1};
+    d.lb = withY ? std::vector<double>{0, 0} : std::vector<double>{0};
+    d.ub = withY ? std::vector<double>{1e7, 1e4} : std::vector<double>{1e7};
+    d.rhs = {-1};
+    d.sense = "<";
+    d.cols = {{{0, -2e-7}}};
+    if (withY) d.cols.push_back({{0, -3e-6}});
+    out->model = load(e.env, d);
+    captureLogOf(out->env());
+    VRXsetintparam(out->env(), "ScaleFlag", 0);
+    double work = 0;
+    EXPECT_EQ(0, VRXlpSetup(out->model, 1, &work));
+    VRXlp* lp = out->lp();
+    EXPECT_EQ(0, VRXdualPrepare(lp, 0, &work));
+    vrx::Clock clock = vrx::clockStart();
+    EXPECT_EQ(0, vrx::dual::dualRefactor<double>(lp, clock));
+    EXPECT_EQ(0, vrx::dual::VRXdualCompute<double>(lp, clock));
+    lp->actionCode = 0;
+    vrx::dual::VRXdualPrice<double>(lp);
+    EXPECT_EQ(0, lp->leaveRow);
+    // The pass after every row was turned away for a small pivot.
+    lp->pricing->acceptSmall = 1;
+    return vrx::dual::VRXdualRatio<double>(lp, clock);
+  };
+  {
+    // No larger pivot among the passed break points: the primal is asked to take over.
+    Env e;
+    Model mm;
+    EXPECT_EQ(3, setup(e, false, &mm));
+    EXPECT_EQ(-1004, mm.lp()->status);
+    const std::string text = capturedLog();
+    EXPECT_NE(std::string::npos, text.find("small pivot 2e-07\n")) << text;
+    EXPECT_NE(std::string::npos, text.find("switch to primal because the chance of primal infeasibility\n"));
+    VRXsetlogcallbackfuncenv(mm.env(), nullptr);
+    mm.lp()->pricing->acceptSmall = 0;
+    vrx::Clock clock = vrx::clockStart();
+    ASSERT_EQ(0, runLoop(mm.lp(), clock));
+    EXPECT_EQ(2, mm.lp()->status);
+    EXPECT_NEAR(5e6, objectiveOf(mm.lp()), 1e-3);
+  }
+  {
+    // y is passed as a flip and has a pivot more than ten times larger: it enters at a
+    // zero step instead, and the solve goes on to the optimum.
+    Env e;
+    Model mm;
+    EXPECT_EQ(0, setup(e, true, &mm));
+    VRXlp* lp = mm.lp();
+    EXPECT_EQ(1, lp->status);
+    EXPECT_EQ(1, lp->enterVar);
+    EXPECT_EQ(0.0, lp->pricing->stepT);
+    EXPECT_EQ(0, lp->pricing->flipCount);
+    EXPECT_EQ(0.0, lp->Cbar[1]);
+    const std::string text = capturedLog();
+    EXPECT_NE(std::string::npos, text.find("small pivot 2e-07\n")) << text;
+    EXPECT_EQ(std::string::npos, text.find("switch to primal"));
+    VRXsetlogcallbackfuncenv(mm.env(), nullptr);
+    vrx::Clock clock = vrx::clockStart();
+    ASSERT_EQ(0, vrx::dual::VRXdualPivot<double>(lp, clock));
+    lp->pricing->acceptSmall = 0;
+    lp->actionCode = 6;
+    ASSERT_EQ(0, runLoop(lp, clock));
+    EXPECT_EQ(2, lp->status);
+    EXPECT_NEAR(4.85e6 + 1e-5, objectiveOf(lp), 1e-3);
+  }
+}
+
+TEST(DualSimplex, PricingSwitchesOnTheWorkOfTheWeights) {
+  Env e;
+  Model mm(readNetlib(e.env, "sc105"));
+  captureLogOf(mm.env());
+  double work = 0;
+  ASSERT_EQ(0, VRXlpSetup(mm.model, 1, &work));
+  VRXlp* lp = mm.lp();
+  lp->iterLimit = 20;
+  vrx::Clock clock = vrx::clockStart();
+  ASSERT_EQ(0, VRXdualSolve(lp, clock));
+  ASSERT_EQ(7, lp->status);
+  ASSERT_EQ(1, lp->priceMode);
+  VRXdualprice* pr = lp->pricing;
+  EXPECT_GT(pr->rowNum, 0.0);
+  EXPECT_GT(pr->normNum, 0.0);
+  lp->outputLevel = 3;  // the work sums are a debug line
+  // Cheap weights keep steepest edge.
+  pr->normNum = 2.0;
+  pr->rowNum = 1.0;
+  vrx::dual::dualPricingRule(lp);
+  EXPECT_EQ(1, lp->priceMode);
+  EXPECT_NE(std::string::npos, capturedLog().find("Norm_Num = 2, Row_Num=1\n")) << capturedLog();
+  // Weights costing more than three times the rows: devex, unit weights, a reference
+  // framework of the nonbasic variables.
+  pr->normNum = 3.5;
+  pr->rowNum = 1.0;
+  for (int p = 0; p < lp->m; p++) pr->dualNorm[p] = 7.0;
+  vrx::dual::dualPricingRule(lp);
+  EXPECT_EQ(2, lp->priceMode);
+  EXPECT_EQ(0.0, pr->normNum);
+  EXPECT_EQ(0.0, pr->rowNum);
+  for (int p = 0; p < lp->m; p++) ASSERT_EQ(1.0, pr->dualNorm[p]);
+  for (int j = 0; j < lp->n + lp->m; j++) ASSERT_EQ(lp->varStat[j] < 0 ? 1 : 0, lp->refFramework[j]) << j;
+  // Devex goes back to steepest edge once the run is long.
+  vrx::dual::dualPricingRule(lp);
+  EXPECT_EQ(2, lp->priceMode);
+  lp->iterCount = 3.0 * lp->m + 1;
+  vrx::dual::dualPricingRule(lp);
+  EXPECT_EQ(3, lp->priceMode);
+  EXPECT_NE(std::string::npos, capturedLog().find("simplex pricing changes to steepest edge\n"));
+  VRXsetlogcallbackfuncenv(mm.env(), nullptr);
+  // The record solves on from there.
+  lp->iterLimit = 1e100;
+  lp->iterCount = 20;
+  lp->status = 1;
+  lp->actionCode = 6;
+  ASSERT_EQ(0, runLoop(lp, clock));
+  EXPECT_EQ(2, lp->status);
+  EXPECT_TRUE(closeTo(objectiveOf(lp), -52.202061212)) << objectiveOf(lp);
+}
+
+// The optimal basis of one record loaded into another: positions in variable order.
+void loadBasisFrom(const VRXlp* from, VRXlp* to) {
+  int pos = 0;
+  for (int j = 0; j < to->n + to->m; j++) {
+    const int st = from->varStat[j];
+    if (st >= 0) {
+      to->varStat[j] = pos;
+      to->factor->basisHead[pos++] = j;
+    } else {
+      to->varStat[j] = st;
+    }
+  }
+  to->factor->freshBasis = 1;
+  to->actionCode = 1;
+  to->loadKind = 2;
+  vrx::lpActiveRebuild(to);
+}
+
+TEST(DualSimplex, StoredNormsComeWithTheStartBasis) {
+  Env e;
+  Model first(readNetlib(e.env, "scagr7"));
+  const int status = solve(first);
+  ASSERT_EQ(2, status);
+  VRXlp* a = first.lp();
+  vrx::Clock clock = vrx::clockStart();
+  ASSERT_EQ(0, vrx::dual::dualExactNorms<double>(a, clock));
+  std::vector<double> vn(a->n), cn(a->m);
+  ASSERT_EQ(0, VRXdualGetNorms(a, vn.data(), cn.data()));
+  for (int j = 0; j < a->n + a->m; j++) {
+    const double w = j < a->n ? vn[j] : cn[j - a->n];
+    if (a->varStat[j] >= 0)
+      ASSERT_GT(w, 0.0);
+    else
+      ASSERT_EQ(0.0, w);
+  }
+
+  // A second record of the same model starts from that basis: the norms go to the positions
+  // of their variables there, and equal the exact norms of its own factor.
+  Model second(readNetlib(e.env, "scagr7"));
+  double work = 0;
+  ASSERT_EQ(0, VRXlpSetup(second.model, 1, &work));
+  VRXlp* b = second.lp();
+  loadBasisFrom(a, b);
+  EXPECT_EQ(1, VRXdualLoadNorms(b, vn.data(), cn.data()));
+  EXPECT_EQ(3, b->loadKind);
+  ASSERT_EQ(0, VRXdualPrepare(b, 1, &work));
+  EXPECT_EQ(1, b->priceMode);  // steepest edge kept: no quick start needed
+  EXPECT_EQ(0, b->pricing->needExactNorms);
+  ASSERT_EQ(0, vrx::dual::dualRefactor<double>(b, clock));
+  std::vector<double> loaded(b->pricing->dualNorm, b->pricing->dualNorm + b->m);
+  int moved = 0;
+  for (int p = 0; p < b->m; p++) moved += b->factor->basisHead[p] != a->factor->basisHead[p];
+  EXPECT_GT(moved, 0);
+  ASSERT_EQ(0, vrx::dual::dualExactNorms<double>(b, clock));
+  for (int p = 0; p < b->m; p++)
+    ASSERT_NEAR(b->pricing->dualNorm[p], loaded[p], 1e-9 * std::max(1.0, loaded[p])) << p;
+  b->actionCode = 6;
+  b->status = 1;
+  ASSERT_EQ(0, runLoop(b, clock));
+  EXPECT_EQ(2, b->status);
+  EXPECT_EQ(0, b->iterCount);
+
+  // Norms with a basic entry at zero are refused: the start has no norms then.
+  Model third(readNetlib(e.env, "scagr7"));
+  ASSERT_EQ(0, VRXlpSetup(third.model, 1, &work));
+  VRXlp* c = third.lp();
+  loadBasisFrom(a, c);
+  for (int j = 0; j < a->n; j++)
+    if (a->varStat[j] >= 0) {
+      vn[j] = 0.0;
+      break;
+    }
+  EXPECT_EQ(0, VRXdualLoadNorms(c, vn.data(), cn.data()));
+  EXPECT_EQ(2, c->loadKind);
+  ASSERT_EQ(0, VRXdualPrepare(c, 1, &work));
+  EXPECT_EQ(3, c->priceMode);
+}
+
+TEST(DualSimplex, StalledDualBoundPerturbsAndTheScaleComesOff) {
+  Env e;
+  Model mm(readNetlib(e.env, "afiro"));
+  double work = 0;
+  ASSERT_EQ(0, VRXlpSetup(mm.model, 1, &work));
+  VRXlp* lp = mm.lp();
+  const std::vector<double> cost(lp->cost, lp->cost + lp->n + lp->m);
+  const double objScale = lp->objScale;
+  vrx::Clock clock = vrx::clockStart();
+  ASSERT_EQ(0, VRXdualSolve(lp, clock));
+  ASSERT_EQ(2, lp->status);
+  ASSERT_EQ(0, lp->perturbKind);
+  VRXdualprice* pr = lp->pricing;
+  auto gate = [&](double best) {
+    lp->status = 1;
+    lp->refactorCount = 1;  // a build at which the gate tests
+    lp->actionCode = 9;
+    pr->lastTestIter = lp->iterCount - 6;
+    pr->lastTestDegen = lp->degenPivots;  // no degenerate pivots since
+    lp->bestDualObj = best;
+    return vrx::dual::VRXdualCompute<double>(lp, clock);
+  };
+  // No record yet: the bound is recorded and nothing is perturbed.
+  ASSERT_EQ(0, gate(-1e100));
+  EXPECT_EQ(0, lp->perturbKind);
+  EXPECT_EQ(lp->dualObj, lp->bestDualObj);
+  // The bound fell behind the record: perturb, with the objective scaled up first.
+  ASSERT_EQ(0, gate(lp->dualObj + 1.0));
+  EXPECT_EQ(3, lp->perturbKind);
+  const double f = lp->extraScale;
+  EXPECT_GT(f, 2.0);
+  EXPECT_EQ(f, std::exp2(std::round(std::log2(f))));
+  EXPECT_EQ(objScale * f, lp->objScale);
+  for (int j = 0; j < lp->n; j++) ASSERT_EQ(cost[j] * f, lp->cost[j]) << j;
+  // The run ends at the true optimum with the costs and the factor as they were.
+  lp->actionCode = 6;
+  ASSERT_EQ(0, runLoop(lp, clock));
+  EXPECT_EQ(2, lp->status);
+  EXPECT_TRUE(closeTo(objectiveOf(lp), -464.75314286)) << objectiveOf(lp);
+  EXPECT_EQ(1.0, lp->extraScale);
+  EXPECT_EQ(objScale, lp->objScale);
+  EXPECT_EQ(cost, std::vector<double>(lp->cost, lp->cost + lp->n + lp->m));
 }
 
 }  // namespace

@@ -1082,4 +1082,192 @@ TEST(FactorSolve, IndependentFactorsOnThreadsAgree) {
   EXPECT_LT(residual(A, head, x1, b, false), 1e-12);
 }
 
+TEST(FactorBuild, UnusableNucleusEntryIsNotRepairedBySlacks) {
+  // A dense 4x4 block (no singletons) with one entry that is not a number, or infinite.
+  for (double bad : {std::nan(""), HUGE_VAL}) {
+    Env e(true);
+    const int m = 4;
+    Matrix A(m);
+    for (int j = 0; j < m; j++) {
+      std::vector<std::pair<int, double>> col;
+      for (int i = 0; i < m; i++) col.push_back({i, (i == 2 && j == 1) ? bad : 1.0 + i + 3.0 * j + (i == j ? 7.0 : 0.0)});
+      A.add(col);
+    }
+    std::vector<int> head = {0, 1, 2, 3};
+    VRXfactorMatrix view = A.view();
+    Factor<double> F(e.env, m, 20);
+    double work = 0;
+    EXPECT_EQ(-10014, VRXfactorBuild(F.f, &view, head.data(), 1e-13, 0.01, 1.0, &work));
+    EXPECT_EQ(0, F.f->valid);
+
+    // The refactor tries the stricter tolerance once, then gives up without a repair...
+    VRXfactorCtl ctl;
+    VRXfactorCtlInit(&ctl, e.env, m, A.n);
+    ctl.iterCount = 1;
+    ctl.markowitzTol = 0.01;
+    EXPECT_EQ(12, VRXfactorRefactor(F.f, &view, head.data(), &ctl, &work));
+    EXPECT_EQ(0.5, ctl.markowitzTol);
+    EXPECT_EQ(0, ctl.singularRepairs);
+    EXPECT_EQ(1, countOf(e.log(), "Warning: Markowitz tolerance tightened to 0.5"));
+    EXPECT_EQ(0, countOf(e.log(), "dropped from basis"));
+    // ...or hands the basis to the rescue routine when a saved state exists.
+    ctl.hasSavedState = 1;
+    ctl.status = 1;
+    EXPECT_EQ(0, VRXfactorRefactor(F.f, &view, head.data(), &ctl, &work));
+    EXPECT_EQ(-1002, ctl.status);
+    EXPECT_EQ(0, F.f->valid);
+  }
+  // Entries at most the zero tolerance are no pivots: that is a singular basis, repaired.
+  Env e;
+  const int m = 4;
+  Matrix A(m);
+  for (int j = 0; j < m; j++) {
+    std::vector<std::pair<int, double>> col;
+    // Columns 2 and 3 hold only entries below the zero tolerance, in rows 2 and 3.
+    for (int i = 0; i < m; i++) {
+      if (j < 2)
+        col.push_back({i, 1.0 + i * j + (i == j)});
+      else if (i >= 2)
+        col.push_back({i, 1e-15 * (1 + i + j)});
+    }
+    A.add(col);
+  }
+  std::vector<int> head = {0, 1, 2, 3};
+  VRXfactorMatrix view = A.view();
+  Factor<double> F(e.env, m, 20);
+  double work = 0;
+  EXPECT_EQ(2, VRXfactorBuild(F.f, &view, head.data(), 1e-13, 0.01, 1.0, &work));
+  VRXfactorCtl ctl;
+  VRXfactorCtlInit(&ctl, e.env, m, A.n);
+  ctl.iterCount = 1;
+  EXPECT_EQ(0, VRXfactorRefactor(F.f, &view, head.data(), &ctl, &work));
+  EXPECT_EQ(1, ctl.singularRepairs);
+  EXPECT_EQ(1, F.f->valid);
+}
+
+TEST(FactorBuild, MiddleSizedSparseNucleusSearchesTheCheapestListsOnly) {
+  // A cyclic band (every column and row holds 3 entries, no singletons) of 400 rows: the
+  // cheapest lists hold count 3 and 3 * 3 <= 0.1 * 400, so the cheap search applies; 150
+  // rows are below the size where it is worth it.
+  for (int m : {400, 150}) {
+    SCOPED_TRACE(m);
+    Env e;
+    std::mt19937 rng(77 + m);
+    std::uniform_real_distribution<double> u(0.5, 2.0);
+    Matrix A(m);
+    for (int j = 0; j < m; j++)
+      A.add({{j, 4.0 + u(rng)}, {(j + 1) % m, u(rng)}, {(j + 7) % m, -u(rng)}});
+    std::vector<int> head(m);
+    for (int p = 0; p < m; p++) head[p] = (p * 13) % m;
+    VRXfactorMatrix view = A.view();
+    VRXfactorCtl ctl;
+    VRXfactorCtlInit(&ctl, e.env, m, A.n);
+    ctl.iterCount = 1;
+    Factor<double> F(e.env, m, 40);
+    double work = 0;
+    ASSERT_EQ(0, VRXfactorRefactor(F.f, &view, head.data(), &ctl, &work));
+    EXPECT_EQ(0, F.f->singletonCount);
+    if (m > 200)
+      EXPECT_EQ(m - 200, F.f->cheapPivots);  // until the nucleus is down to 200 rows
+    else
+      EXPECT_EQ(0, F.f->cheapPivots);
+    checkSolves(e.env, F.f, A, denseBasis(A, head), {unit(m, 3), columnOf(A, 11), randomDense(m, rng)}, 1e-10);
+  }
+}
+
+TEST(FactorSolve, BtranLStageHasItsOwnDensityTest) {
+  // A banded upper triangular basis with one entry below the band: U carries nearly all
+  // entries, so sparseRatio is m and the ftran rule (count * sparseRatio <= m) would send
+  // every vector of two or more entries to the dense L kernel. btran keeps a vector of at
+  // most sqrt(m/10) entries hyper-sparse.
+  Env e;
+  const int m = 200;
+  std::mt19937 rng(88);
+  std::uniform_real_distribution<double> u(0.5, 2.0);
+  Matrix A(m);
+  for (int j = 0; j < m; j++) {
+    std::vector<std::pair<int, double>> col;
+    for (int i = std::max(0, j - 8); i < j; i++) col.push_back({i, u(rng) - 1.25});
+    col.push_back({j, 5.0 + u(rng)});
+    if (j == m - 5) col.push_back({m - 1, 0.3});
+    A.add(col);
+  }
+  std::vector<int> head(m);
+  for (int p = 0; p < m; p++) head[p] = (p * 7) % m;
+  VRXfactorMatrix view = A.view();
+  VRXfactorCtl ctl;
+  VRXfactorCtlInit(&ctl, e.env, m, A.n);
+  ctl.iterCount = 1;
+  Factor<double> F(e.env, m, 40);
+  double work = 0;
+  ASSERT_EQ(0, VRXfactorRefactor(F.f, &view, head.data(), &ctl, &work));
+  ASSERT_GT(F.f->lzNz, 0);
+  ASSERT_GT(F.f->uNz, 5 * F.f->lzNz);
+  std::vector<LD> B = denseBasis(A, head);
+  Vec<double> in(e.env, m), out(e.env, m);
+  int checked = 0;
+  for (int i = 0; i < m; i++) {
+    in.set(unit(m, i), false);
+    ASSERT_EQ(0, VRXbtran(F.f, &in.v, &out.v, 1, &work));
+    const int c = F.f->lastLCount;
+    ASSERT_GE(c, 0);
+    if (static_cast<int64_t>(c) * F.f->sparseRatio <= m || 10 * c * c > m) continue;
+    EXPECT_TRUE(F.f->lastStages & 1) << "row " << i << " count " << c;
+    std::vector<LD> ref = denseSolve(B, m, unit(m, i), true);
+    std::vector<LD> x = out.get();
+    for (int k = 0; k < m; k++) ASSERT_NEAR(static_cast<double>(ref[k]), static_cast<double>(x[k]), 1e-9);
+    checked++;
+  }
+  EXPECT_GE(checked, 2);
+}
+
+TEST(FactorUpdate, FtranSkipsRowEtasItCannotMeet) {
+  Env e;
+  const int m = 200;
+  std::mt19937 rng(99);
+  Matrix A = randomMatrix(m, 3 * m, 0.02, rng);
+  std::vector<int> head = randomBasis(A, 0.5, rng);
+  VRXfactorMatrix view = A.view();
+  VRXfactorCtl ctl;
+  VRXfactorCtlInit(&ctl, e.env, m, A.n);
+  ctl.iterCount = 1;
+  Factor<double> F(e.env, m, 60), fresh(e.env, m, 60);
+  double work = 0;
+  ASSERT_EQ(0, VRXfactorRefactor(F.f, &view, head.data(), &ctl, &work));
+  Vec<double> col(e.env, m), alpha(e.env, m), in(e.env, m), out(e.env, m), out2(e.env, m);
+  std::vector<char> basic(A.n + m, 0);
+  for (int v : head) basic[v] = 1;
+  // Ten structural columns replace the largest entry's position of their ftran.
+  for (int step = 0; step < 10; step++) {
+    int q = 0;
+    while (basic[q]) q++;
+    col.set(columnOf(A, q), false);
+    ASSERT_EQ(0, VRXftran(F.f, &col.v, &alpha.v, 1, 1, &work));
+    std::vector<LD> a = alpha.get();
+    int p = 0;
+    for (int k = 1; k < m; k++)
+      if (std::fabs(a[k]) > std::fabs(a[p])) p = k;
+    ASSERT_EQ(0, VRXfactorUpdate(F.f, p, q, &ctl, &work));
+    basic[head[p]] = 0;
+    basic[q] = 1;
+    head[p] = q;
+  }
+  ASSERT_GT(F.f->rowEtaCount, 0);
+  ASSERT_EQ(0, VRXfactorRefactor(fresh.f, &view, head.data(), &ctl, &work));
+  int skippedAll = 0, partly = 0;
+  for (int i = 0; i < m; i++) {
+    in.set(unit(m, i), false);
+    ASSERT_EQ(0, VRXftran(F.f, &in.v, &out.v, 0, 1, &work));
+    if (F.f->lastLCount < 0) continue;
+    const int start = F.f->lastEtaStart;
+    if (start == F.f->rowEtaCount) skippedAll++;
+    if (start > 0 && start < F.f->rowEtaCount) partly++;
+    ASSERT_EQ(0, VRXftran(fresh.f, &in.v, &out2.v, 0, 1, &work));
+    std::vector<LD> x1 = out.get(), x2 = out2.get();
+    for (int k = 0; k < m; k++) ASSERT_NEAR(static_cast<double>(x2[k]), static_cast<double>(x1[k]), 1e-10) << i;
+  }
+  EXPECT_GT(skippedAll, 0);
+  EXPECT_GT(partly + skippedAll, m / 4);
+}
+
 }  // namespace

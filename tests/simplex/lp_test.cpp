@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include <algorithm>
 #include <cmath>
 #include <random>
@@ -17,17 +19,11 @@
 #include "model/model.h"
 #include "model/modeldata.h"
 #include "vornix_c.h"
+#include "../support/quiet_env.h"
 
 namespace {
 
-struct Env {
-  VRXenv* env = nullptr;
-  Env() {
-    EXPECT_EQ(0, VRXloadenv(&env, nullptr));
-    VRXsetintparam(env, "OutputFlag", 0);
-  }
-  ~Env() { VRXfreeenv(env); }
-};
+using Env = vrxtest::QuietEnv;
 
 // A model handle that frees its record first.
 struct Model {
@@ -320,6 +316,16 @@ TEST(LpSetup, ObjectiveAndRightHandSideScale) {
   EXPECT_EQ(nullptr, a.lp()->colScale);
   run(-1.0, 1.0, b);  // reference sqrt(1e3 * 1e5) = 1e4
   EXPECT_EQ(std::ldexp(1.0, -14), b.lp()->objScale);
+  // Every negative value takes the reference from the cost range; a range wider than 1e8
+  // takes the largest cost over 1e4 instead: 1e10 / 1e4 = 1e6. -2 is outside the range.
+  Model b2, b3;
+  run(-0.5, 1.0, b2);
+  EXPECT_EQ(std::ldexp(1.0, -14), b2.lp()->objScale);
+  s.obj = {1, -1e10, 0};
+  run(-1.0, 1.0, b3);
+  EXPECT_EQ(std::ldexp(1.0, -20), b3.lp()->objScale);
+  EXPECT_NE(0, VRXsetdblparam(b3.env(), "ObjScale", -2.0));
+  s.obj = {1e3, -1e5, 0};
   run(0.0, 1000.0, c);  // 512 multiplies rhs and finite bounds, costs stay
   const VRXlp* lp = c.lp();
   ASSERT_NE(nullptr, lp->colScale);
@@ -685,6 +691,22 @@ TEST(LpSetup, EveryFailedAllocationIsReportedAndFreed) {
     VRXfreeenv(env);
     EXPECT_EQ(0, hs.live);
   }
+}
+
+TEST(LpSetup, PiecewiseLinearObjectiveIsRefusedNotDropped) {
+  // min f(x) with f(-10) = 12, f(2) = 0, f(10) = 8: without its terms the LP would end at a
+  // bound with objective 0, a wrong answer that looks right.
+  Env e;
+  Model mm;
+  mm.model = load(e.env, smallModel());
+  const double x[3] = {-10, 2, 10}, y[3] = {12, 0, 8};
+  ASSERT_EQ(0, VRXsetpwlobj(mm.model, 0, 3, x, y));
+  ASSERT_EQ(0, VRXupdatemodel(mm.model));
+  EXPECT_EQ(VRX_ERROR_NOT_SUPPORTED, mm.setup());
+  EXPECT_EQ(nullptr, mm.model->lp);
+  VRXsetintparam(mm.env(), "Presolve", 0);
+  EXPECT_EQ(VRX_ERROR_NOT_SUPPORTED, VRXoptimize(mm.model));
+  EXPECT_NE(nullptr, std::strstr(VRXgeterrormsg(mm.env()), "Piecewise-linear"));
 }
 
 }  // namespace

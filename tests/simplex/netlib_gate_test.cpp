@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "vornix_c.h"
+#include "../support/shared_data.h"
 
 namespace {
 
@@ -19,19 +20,7 @@ struct Reference {
 
 std::vector<Reference> netlibReferences() {
   std::vector<Reference> refs;
-  std::ifstream in(std::string(VRX_SHARED_DATA) + "/reference.csv");
-  std::string line;
-  std::getline(in, line);
-  while (std::getline(in, line)) {
-    std::stringstream ss(line);
-    std::string name, set, rows, cols, obj;
-    std::getline(ss, name, ',');
-    std::getline(ss, set, ',');
-    std::getline(ss, rows, ',');
-    std::getline(ss, cols, ',');
-    std::getline(ss, obj, ',');
-    if (set == "netlib") refs.push_back({name, std::stod(obj)});
-  }
+  for (const auto& [name, obj] : vrxtest::referenceObjectives("netlib")) refs.push_back({name, obj});
   return refs;
 }
 
@@ -56,6 +45,10 @@ TEST(NetlibGate, EveryModelReachesItsReferenceObjective) {
     double obj = 0;
     ASSERT_EQ(0, VRXgetdblattr(m, "ObjVal", &obj));
     EXPECT_NEAR(r.objective, obj, 1e-6 * std::max(1.0, std::fabs(r.objective)));
+    // The condition estimate of the final basis: at least 1 (the norms of B and B^-1).
+    double kappa = 0;
+    EXPECT_EQ(0, VRXgetdblattr(m, "Kappa", &kappa));
+    EXPECT_GE(kappa, 1.0 - 1e-12);
     // The published solution is primal feasible in true units.
     double vio = 1;
     ASSERT_EQ(0, VRXgetdblattr(m, "ConstrVio", &vio));

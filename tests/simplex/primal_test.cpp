@@ -163,6 +163,40 @@ std::vector<std::pair<std::string, double>> netlibReference(const std::string& w
   return out;
 }
 
+// A basic solution: m distinct basic positions, every nonbasic at a bound, a free one at 0.
+void expectVertex(const VRXlp* lp) {
+  const int n = lp->n, m = lp->m;
+  std::vector<int> seen(m, 0);
+  int basics = 0;
+  for (int j = 0; j < n + m; j++) {
+    const int st = lp->varStat[j];
+    if (st >= 0) {
+      ASSERT_LT(st, m);
+      EXPECT_EQ(0, seen[st]++) << "position " << st;
+      basics++;
+    } else if (st == VRX_VS_FREE) {
+      EXPECT_TRUE(lp->lower[j] <= -lp->infBound && lp->upper[j] >= lp->infBound) << "column " << j << " inside its bounds";
+      EXPECT_EQ(0.0, lp->warmStart ? lp->warmStart[j] : 0.0) << "free column " << j << " away from 0";
+    } else {
+      EXPECT_TRUE(st == VRX_VS_LOWER || st == VRX_VS_UPPER || st == VRX_VS_FIX_LOWER || st == VRX_VS_FIX_UPPER)
+          << "column " << j << " status " << st;
+    }
+  }
+  EXPECT_EQ(m, basics);
+}
+
+// Unscaled record of s with the given nonbasic statuses and start values (slacks basic).
+VRXlp* startFrom(VRXmodel* model, const std::vector<int>& stat, const std::vector<double>& start) {
+  if (VRXlpSetup(model, 0, nullptr) != 0) return nullptr;
+  VRXlp* lp = lpOf(model);
+  lp->warmStart = static_cast<double*>(vrx::envCalloc(lp->env, lp->n + lp->m + 1, sizeof(double)));
+  for (size_t j = 0; j < stat.size(); j++) {
+    lp->varStat[j] = stat[j];
+    lp->warmStart[j] = start[j];
+  }
+  return lp;
+}
+
 bool sameObjective(double v, double ref) {
   return std::fabs(v - ref) <= 1e-6 * std::max(1.0, std::fabs(ref));
 }
@@ -194,15 +228,20 @@ TEST(Primal, NetlibFromSlackBasis) {
     bool ok = o.rc == 0 && o.status == 2 && sameObjective(o.obj, ref) && o.rowViol < 1e-5 &&
               o.boundViol < 1e-5;
     passed += ok;
-    std::printf("%-10s %s status %2d iters %7.0f time %8.3f obj %.10e ref %.10e viol %.1e %.1e dual %.1e refactors %d solve %.3f\n",
+    std::printf("%-10s %s status %2d iters %7.0f time %8.3f obj %.10e ref %.10e viol %.1e %.1e dual %.1e refactors %d vertex moves %d solve %.3f\n",
                 name.c_str(), ok ? "ok  " : "FAIL", o.status, o.iters, secs, o.obj, ref, o.rowViol,
-                o.boundViol, o.dualViol, lpOf(h.model)->refactorCount, solveSecs);
+                o.boundViol, o.dualViol, lpOf(h.model)->refactorCount,
+                lpOf(h.model)->primal ? lpOf(h.model)->primal->vxMoves : -1, solveSecs);
     std::fflush(stdout);
     EXPECT_EQ(0, o.rc) << name;
     EXPECT_EQ(2, o.status) << name;
     EXPECT_TRUE(sameObjective(o.obj, ref)) << name << " " << o.obj << " vs " << ref;
     EXPECT_LT(o.rowViol, 1e-5) << name;
     EXPECT_LT(o.boundViol, 1e-5) << name;
+    if (o.status == 2) {
+      SCOPED_TRACE(name);
+      expectVertex(lpOf(h.model));
+    }
   }
   std::printf("netlib: %d passed, total %.2f s\n", passed, total);
 }
@@ -451,8 +490,8 @@ TEST(Primal, FreeAndSuperbasic) {
     EXPECT_NEAR(5.0, o.x[1], 1e-9);
   }
   {
-    // A superbasic column whose reduced cost is zero is left where it stands: y reaches its
-    // bound 5 before the row binds.
+    // A superbasic column whose reduced cost is zero still goes to a vertex: y reaches its
+    // bound 5, then x moves down to 0 (nothing blocks) or up until the row binds at 3.
     Env e;
     VRXsetintparam(e.env, "ScaleFlag", 0);
     ModelDef s;
@@ -471,8 +510,113 @@ TEST(Primal, FreeAndSuperbasic) {
     Outcome o = runPrimal(h.model, false);
     ASSERT_EQ(2, o.status);
     EXPECT_NEAR(-5.0, o.obj, 1e-9);
-    EXPECT_NEAR(2.5, o.x[0], 1e-12);
+    EXPECT_TRUE(std::fabs(o.x[0]) < 1e-12 || std::fabs(o.x[0] - 3) < 1e-9) << o.x[0];
+    EXPECT_NE(VRX_VS_FREE, lp->varStat[0]);
+    expectVertex(lp);
+  }
+}
+
+// Starts with several columns inside their bounds, as crossover hands them over: whatever
+// the reduced costs say of them, the run ends at an optimal vertex.
+TEST(Primal, InteriorStartsEndAtVertices) {
+  // min -z, x + y + z <= 4, x - y <= 1, x + y >= 1, x, y in [0, 3], z in [0, 2]: -2, and x, y
+  // cost nothing. Starts feasible and not, near either bound, under every pricing mode and
+  // in extended arithmetic.
+  ModelDef s;
+  s.obj = {0, 0, -1};
+  s.lb = {0, 0, 0};
+  s.ub = {3, 3, 2};
+  s.rhs = {4, 1, 1};
+  s.sense = "<<>";
+  s.cols = {{{0, 1}, {1, 1}, {2, 1}}, {{0, 1}, {1, -1}, {2, 1}}, {{0, 1}}};
+  const std::vector<std::vector<double>> starts = {{1.2, 0.7, 0}, {0.1, 2.9, 0}, {2.9, 0.1, 0}, {1.5, 1.5, 1}};
+  for (int pricing : {0, 1, 2, 3})
+    for (int quad : {0, 1})
+      for (const auto& st : starts) {
+        SCOPED_TRACE(::testing::Message() << pricing << " " << quad << " " << st[0] << " " << st[1]);
+        Env e;
+        VRXsetintparam(e.env, "ScaleFlag", 0);
+        VRXsetintparam(e.env, "SimplexPricing", pricing);
+        VRXsetintparam(e.env, "Quad", quad);
+        ModelHandle h(load(e.env, s));
+        // z superbasic too when it starts inside.
+        VRXlp* lp = startFrom(h.model, {VRX_VS_FREE, VRX_VS_FREE, st[2] > 0 ? VRX_VS_FREE : VRX_VS_LOWER}, st);
+        ASSERT_NE(nullptr, lp);
+        Outcome o = runPrimal(h.model, false);
+        ASSERT_EQ(0, o.rc);
+        ASSERT_EQ(2, o.status);
+        EXPECT_NEAR(-2.0, o.obj, 1e-9);
+        EXPECT_LT(o.rowViol, 1e-9);
+        EXPECT_LT(o.boundViol, 1e-9);
+        EXPECT_LT(o.dualViol, 1e-9);
+        expectVertex(lp);
+      }
+
+  {
+    // min y, x + y >= 2, x free starting at 3: x moves toward 0 and becomes basic at 2.
+    Env e;
+    VRXsetintparam(e.env, "ScaleFlag", 0);
+    ModelDef f;
+    f.obj = {0, 1};
+    f.lb = {-1e100, 0};
+    f.ub = {1e100, 10};
+    f.rhs = {2};
+    f.sense = ">";
+    f.cols = {{{0, 1}}, {{0, 1}}};
+    ModelHandle h(load(e.env, f));
+    VRXlp* lp = startFrom(h.model, {VRX_VS_FREE, VRX_VS_LOWER}, {3, 0});
+    ASSERT_NE(nullptr, lp);
+    Outcome o = runPrimal(h.model, false);
+    ASSERT_EQ(2, o.status);
+    EXPECT_NEAR(0.0, o.obj, 1e-12);
+    EXPECT_NEAR(2.0, o.x[0], 1e-12);
+    EXPECT_GE(lp->varStat[0], 0);
+    expectVertex(lp);
+  }
+  {
+    // Nothing blocks a free column on its way to 0 (x + y >= -5): it stays nonbasic at 0;
+    // the other free column, at 0 with no reduced cost, pivots in on the tight row u - w <= 0.
+    Env e;
+    VRXsetintparam(e.env, "ScaleFlag", 0);
+    ModelDef f;
+    f.obj = {0, 1, 0, 1};
+    f.lb = {-1e100, 0, -1e100, 0};
+    f.ub = {1e100, 10, 1e100, 4};
+    f.rhs = {-5, 0};
+    f.sense = "><";
+    f.cols = {{{0, 1}}, {{0, 1}}, {{1, 1}}, {{1, -1}}};
+    ModelHandle h(load(e.env, f));
+    VRXlp* lp = startFrom(h.model, {VRX_VS_FREE, VRX_VS_LOWER, VRX_VS_FREE, VRX_VS_LOWER}, {-3, 0, 0, 0});
+    ASSERT_NE(nullptr, lp);
+    Outcome o = runPrimal(h.model, false);
+    ASSERT_EQ(2, o.status);
+    EXPECT_NEAR(0.0, o.obj, 1e-12);
+    EXPECT_EQ(0.0, o.x[0]);
     EXPECT_EQ(VRX_VS_FREE, lp->varStat[0]);
+    EXPECT_GE(lp->varStat[2], 0);
+    EXPECT_NEAR(0.0, o.x[2], 1e-12);
+    expectVertex(lp);
+  }
+  {
+    // No rows: interior columns with no reduced cost go to a bound, a free one to 0.
+    Env e;
+    VRXsetintparam(e.env, "ScaleFlag", 0);
+    ModelDef f;
+    f.obj = {0, 0, 0, 1};
+    f.lb = {0, -1e100, -1e100, 1};
+    f.ub = {10, 6, 1e100, 7};
+    f.cols = {{}, {}, {}, {}};
+    ModelHandle h(load(e.env, f));
+    VRXlp* lp = startFrom(h.model, {VRX_VS_FREE, VRX_VS_FREE, VRX_VS_FREE, VRX_VS_FREE}, {7, 2, -4, 3});
+    ASSERT_NE(nullptr, lp);
+    Outcome o = runPrimal(h.model, false);
+    ASSERT_EQ(2, o.status);
+    EXPECT_NEAR(1.0, o.obj, 1e-12);
+    EXPECT_EQ(10.0, o.x[0]);  // the nearer bound
+    EXPECT_EQ(6.0, o.x[1]);   // the only one
+    EXPECT_EQ(0.0, o.x[2]);
+    EXPECT_EQ(1.0, o.x[3]);
+    expectVertex(lp);
   }
 }
 
@@ -725,6 +869,50 @@ TEST(Primal, Limits) {
 
 // The same optimum in extended arithmetic; an LP without rows; the zero-objective mode,
 // which stops at the first feasible point.
+// Crossover with the primal pushes first leaves columns between their bounds on these
+// models; the primal clean-up must still publish a vertex with the reference optimum.
+TEST(Primal, CrossoverCleanUpPublishesAVertex) {
+  // Crossover 3 cleans up with the primal, 4 with the dual, which hands such points on.
+  for (int cross : {3, 4})
+  for (const char* name : {"adlittle", "bnl1", "sctap2"}) {
+    SCOPED_TRACE(std::string(name) + " crossover " + std::to_string(cross));
+    Env e;
+    VRXsetintparam(e.env, "Threads", 1);
+    VRXsetintparam(e.env, "Method", 2);
+    VRXsetintparam(e.env, "Presolve", 0);
+    VRXsetintparam(e.env, "Crossover", cross);
+    VRXmodel* m = readNetlib(e.env, name);
+    ASSERT_NE(nullptr, m);
+    ModelHandle h(m);
+    ASSERT_EQ(0, VRXoptimize(m));
+    int status = 0, n = 0, rows = 0;
+    VRXgetintattr(m, "Status", &status);
+    VRXgetintattr(m, "NumVars", &n);
+    VRXgetintattr(m, "NumConstrs", &rows);
+    ASSERT_EQ(VRX_OPTIMAL, status);
+    double obj = 0;
+    VRXgetdblattr(m, "ObjVal", &obj);
+    EXPECT_TRUE(sameObjective(obj, referenceOf(name))) << obj;
+    std::vector<int> vb(n), cb(rows);
+    std::vector<double> lb(n), ub(n);
+    ASSERT_EQ(0, VRXgetintattrarray(m, "VBasis", 0, n, vb.data()));
+    ASSERT_EQ(0, VRXgetintattrarray(m, "CBasis", 0, rows, cb.data()));
+    VRXgetdblattrarray(m, "LB", 0, n, lb.data());
+    VRXgetdblattrarray(m, "UB", 0, n, ub.data());
+    int basics = 0, inside = 0;
+    for (int j = 0; j < n; j++) {
+      basics += vb[j] == 0;
+      inside += vb[j] == -3 && (lb[j] > -1e30 || ub[j] < 1e30);
+    }
+    for (int i = 0; i < rows; i++) {
+      basics += cb[i] == 0;
+      inside += cb[i] == -3;
+    }
+    EXPECT_EQ(rows, basics);
+    EXPECT_EQ(0, inside);
+  }
+}
+
 TEST(Primal, QuadNoRowsAndFeasibilityOnly) {
   for (const char* name : {"afiro", "sc50a", "blend"}) {
     Env e;

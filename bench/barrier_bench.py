@@ -1,0 +1,110 @@
+#!/usr/bin/env python3
+"""Barrier against barrier: vornix_cl Method=2 and clp -barrier on every model of a folder.
+
+Single-threaded. Prints per-model time, barrier iterations and status for both,
+checks each objective against reference.csv, and reports the ratio of shifted
+geometric means of the times (shift 10 ms). By default vornix runs without
+crossover (Crossover=0) and clp with its own defaults (barrier, then crossover);
+--crossover runs vornix with crossover too.
+
+  bench/barrier_bench.py [--dir DIR] [--timelimit S] [--presolve 0|1|-1]
+                         [--crossover] [--vornix-args "..."] [--clp-args "..."]
+                         [--out PREFIX] [--filter REGEX]
+"""
+import argparse
+import csv
+import os
+import re
+import shutil
+import sys
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(HERE)
+sys.path.insert(0, HERE)
+
+from lp_bench import load_reference, objective_ok, parse_clp, run, shifted_geomean  # noqa: E402
+
+
+def parse_vornix_barrier(text):
+    obj = iters = None
+    status = "error"
+    m = re.search(r"Barrier (?:solved model in|performed) (\d+) iterations", text)
+    if m:
+        iters = int(m.group(1))
+    m = re.search(r"^Optimal objective\s+([-+0-9.eE]+)", text, re.M)
+    if m:
+        obj, status = float(m.group(1)), "optimal"
+    for key, name in (("Infeasible model", "infeasible"), ("Unbounded model", "unbounded"),
+                      ("Sub-optimal termination", "suboptimal"), ("Numerical trouble", "numeric"),
+                      ("Time limit reached", "time_limit"), ("Iteration limit reached", "iter_limit")):
+        if key in text and status == "error":
+            status = name
+    return status, obj, iters
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--dir", default=os.path.join(ROOT, "..", "shared", "data", "netlib"))
+    ap.add_argument("--reference", default=os.path.join(ROOT, "..", "shared", "data", "reference.csv"))
+    ap.add_argument("--timelimit", type=float, default=300)
+    ap.add_argument("--vornix", default=os.path.join(ROOT, "build", "tools", "vornix_cl"))
+    ap.add_argument("--presolve", default="-1")
+    ap.add_argument("--crossover", action="store_true")
+    ap.add_argument("--vornix-args", default="")
+    ap.add_argument("--clp-args", default="")
+    ap.add_argument("--out", default=os.path.join(ROOT, "build", "barrier_bench"))
+    ap.add_argument("--filter", default="")
+    args = ap.parse_args()
+
+    ref = load_reference(args.reference)
+    clp = shutil.which("clp")
+    files = sorted(f for f in os.listdir(args.dir) if re.search(r"\.(mps|qps)(\.gz|\.bz2)?$", f))
+    if args.filter:
+        files = [f for f in files if re.search(args.filter, f)]
+    rows = []
+    print(f"{'model':<12} {'vornix s':>9} {'iters':>6} {'status':>12}   {'clp s':>9} {'status':>12}   ratio")
+    for f in files:
+        name = re.sub(r"\.(mps|qps)(\.gz|\.bz2)?$", "", f)
+        path = os.path.join(args.dir, f)
+        vcmd = [args.vornix, "Method=2", "Threads=1", f"Presolve={args.presolve}", f"TimeLimit={args.timelimit}"]
+        if not args.crossover:
+            vcmd.append("Crossover=0")
+        vcmd += args.vornix_args.split() + [path]
+        tv, _, text = run(vcmd, args.timelimit)
+        sv, ov, iv = parse_vornix_barrier(text)
+        row = {"model": name, "vornix_time": tv, "vornix_iters": iv, "vornix_status": sv, "vornix_obj": ov}
+        if clp:
+            ccmd = [clp, path, "-sec", str(args.timelimit), "-threads", "1"] + args.clp_args.split() + ["-barrier"]
+            tc, _, ctext = run(ccmd, args.timelimit)
+            sc, oc, _ = parse_clp(ctext)
+        else:
+            tc, sc, oc = float("nan"), "missing", None
+        row.update({"clp_time": tc, "clp_status": sc, "clp_obj": oc})
+        exp = ref.get(name)
+        row["vornix_ok"] = exp is not None and objective_ok(ov, exp)
+        row["clp_ok"] = exp is not None and objective_ok(oc, exp)
+        rows.append(row)
+        mv = "" if row["vornix_ok"] else " *"
+        mc = "" if row["clp_ok"] else " *"
+        print(f"{name:<12} {tv:9.3f} {str(iv):>6} {sv + mv:>12}   {tc:9.3f} {sc + mc:>12}   {tv / max(tc, 1e-9):6.2f}")
+        sys.stdout.flush()
+
+    okv = sum(r["vornix_ok"] for r in rows)
+    okc = sum(r["clp_ok"] for r in rows)
+    # A run that missed the reference objective counts as the time limit.
+    gv = shifted_geomean([r["vornix_time"] if r["vornix_ok"] else args.timelimit for r in rows])
+    gc = shifted_geomean([r["clp_time"] if r["clp_ok"] else args.timelimit for r in rows])
+    print()
+    print(f"solved correctly: vornix {okv}/{len(rows)}, clp {okc}/{len(rows)}")
+    print(f"shifted geometric mean (10 ms): vornix {gv:.4f}s, clp {gc:.4f}s, ratio {gv / gc:.3f}")
+    os.makedirs(os.path.dirname(args.out), exist_ok=True)
+    with open(args.out + ".csv", "w", newline="") as fh:
+        w = csv.DictWriter(fh, fieldnames=list(rows[0].keys()) if rows else ["model"])
+        w.writeheader()
+        for r in rows:
+            w.writerow(r)
+    print(f"csv: {args.out}.csv")
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,439 @@
+// The sparse Cholesky of the barrier against dense solves, the ordering, and
+// the dense-column Schur path.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "barrier/barfactor.h"
+#include "barrier/barwork.h"
+#include "vornix_c.h"
+#include "../support/quiet_env.h"
+
+namespace {
+
+using Env = vrxtest::QuietEnv;
+
+// A sparse m x n matrix kept in both orientations.
+struct Sparse {
+  int m = 0, n = 0;
+  std::vector<int64_t> colBeg, rowBeg;
+  std::vector<int> rowInd, rowCol;
+  std::vector<double> val, rowVal;
+  std::vector<std::vector<std::pair<int, double>>> cols;
+
+  void finish() {
+    n = static_cast<int>(cols.size());
+    colBeg.assign(1, 0);
+    rowInd.clear();
+    val.clear();
+    for (auto& c : cols) {
+      std::sort(c.begin(), c.end());
+      for (auto& e : c) {
+        rowInd.push_back(e.first);
+        val.push_back(e.second);
+      }
+      colBeg.push_back(static_cast<int64_t>(rowInd.size()));
+    }
+    rowBeg.assign(m + 1, 0);
+    for (int i : rowInd) rowBeg[i + 1]++;
+    for (int i = 0; i < m; ++i) rowBeg[i + 1] += rowBeg[i];
+    rowCol.assign(rowInd.size(), 0);
+    rowVal.assign(rowInd.size(), 0);
+    std::vector<int64_t> fill(rowBeg.begin(), rowBeg.end() - 1);
+    for (int j = 0; j < n; ++j)
+      for (int64_t p = colBeg[j]; p < colBeg[j + 1]; ++p) {
+        int64_t q = fill[rowInd[p]]++;
+        rowCol[q] = j;
+        rowVal[q] = val[p];
+      }
+  }
+  vrx::BarMatrix view() const {
+    return vrx::BarMatrix{m, n, colBeg.data(), rowInd.data(), val.data(), rowBeg.data(), rowCol.data(), rowVal.data()};
+  }
+  // The dense A diag(theta) A'.
+  std::vector<double> product(const std::vector<double>& theta) const {
+    std::vector<double> M(static_cast<size_t>(m) * m, 0.0);
+    for (int j = 0; j < n; ++j)
+      for (int64_t p = colBeg[j]; p < colBeg[j + 1]; ++p)
+        for (int64_t q = colBeg[j]; q < colBeg[j + 1]; ++q)
+          M[static_cast<size_t>(rowInd[p]) * m + rowInd[q]] += theta[j] * val[p] * val[q];
+    return M;
+  }
+};
+
+// Random sparse columns plus a unit column per row, so the product is definite.
+Sparse randomMatrix(int m, int n, int perCol, unsigned seed, int denseCols = 0) {
+  std::mt19937 gen(seed);
+  std::uniform_int_distribution<int> row(0, m - 1);
+  std::uniform_real_distribution<double> v(-2.0, 2.0);
+  Sparse s;
+  s.m = m;
+  for (int i = 0; i < m; ++i) s.cols.push_back({{i, 1.0 + 0.1 * (i % 3)}});
+  for (int j = 0; j < n; ++j) {
+    std::vector<std::pair<int, double>> c;
+    std::vector<char> used(m, 0);
+    for (int t = 0; t < perCol; ++t) {
+      int r = row(gen);
+      if (used[r]) continue;
+      used[r] = 1;
+      c.push_back({r, v(gen)});
+    }
+    s.cols.push_back(c);
+  }
+  for (int d = 0; d < denseCols; ++d) {
+    std::vector<std::pair<int, double>> c;
+    for (int i = 0; i < m; ++i)
+      if ((i + d) % 4 != 0) c.push_back({i, v(gen)});
+    s.cols.push_back(c);
+  }
+  s.finish();
+  return s;
+}
+
+// Gaussian elimination with partial pivoting on a dense copy.
+std::vector<double> denseSolve(std::vector<double> M, std::vector<double> b) {
+  const int n = static_cast<int>(b.size());
+  for (int k = 0; k < n; ++k) {
+    int piv = k;
+    for (int i = k + 1; i < n; ++i)
+      if (std::fabs(M[static_cast<size_t>(i) * n + k]) > std::fabs(M[static_cast<size_t>(piv) * n + k])) piv = i;
+    for (int j = 0; j < n; ++j) std::swap(M[static_cast<size_t>(k) * n + j], M[static_cast<size_t>(piv) * n + j]);
+    std::swap(b[k], b[piv]);
+    for (int i = k + 1; i < n; ++i) {
+      const double f = M[static_cast<size_t>(i) * n + k] / M[static_cast<size_t>(k) * n + k];
+      for (int j = k; j < n; ++j) M[static_cast<size_t>(i) * n + j] -= f * M[static_cast<size_t>(k) * n + j];
+      b[i] -= f * b[k];
+    }
+  }
+  std::vector<double> x(n);
+  for (int i = n - 1; i >= 0; --i) {
+    double s = b[i];
+    for (int j = i + 1; j < n; ++j) s -= M[static_cast<size_t>(i) * n + j] * x[j];
+    x[i] = s / M[static_cast<size_t>(i) * n + i];
+  }
+  return x;
+}
+
+struct Factor {
+  VRXenv* env;
+  VRXbarfactor f{};
+  explicit Factor(VRXenv* e) : env(e) {}
+  ~Factor() { vrx::barFactorFree(env, &f); }
+};
+
+double maxRelDiff(const std::vector<double>& a, const std::vector<double>& b) {
+  double d = 0, s = 1e-300;
+  for (size_t i = 0; i < a.size(); ++i) {
+    d = std::max(d, std::fabs(a[i] - b[i]));
+    s = std::max(s, std::fabs(b[i]));
+  }
+  return d / s;
+}
+
+// Sizes from one row to a few hundred, sparse and with wide supernodes, with
+// theta spread over many orders of magnitude as late in a barrier run.
+TEST(BarFactor, RandomSparseSystemsMatchDenseSolves) {
+  Env e;
+  struct Case {
+    int m, n, perCol;
+    unsigned seed;
+    double spread;
+  };
+  const Case cases[] = {{1, 2, 1, 1, 0}, {7, 10, 3, 2, 0}, {60, 120, 4, 3, 2}, {250, 400, 5, 4, 6}, {300, 200, 30, 5, 3}};
+  for (const Case& c : cases) {
+    Sparse s = randomMatrix(c.m, c.n, c.perCol, c.seed);
+    std::mt19937 gen(c.seed + 100);
+    std::uniform_real_distribution<double> ex(-c.spread, c.spread);
+    std::vector<double> theta(s.n);
+    for (double& t : theta) t = std::pow(10.0, ex(gen));
+    std::vector<double> rhs(c.m);
+    for (int i = 0; i < c.m; ++i) rhs[i] = std::sin(1.0 + i);
+    Factor F(e.env);
+    vrx::BarFactorOpts opts;
+    opts.denseSep = 1;
+    double nz = 0, ops = 0;
+    ASSERT_EQ(0, vrx::VRXbarOrder(e.env, s.view(), opts, &F.f, &nz, &ops)) << c.m;
+    ASSERT_EQ(0, vrx::VRXbarSymbolic(e.env, s.view(), &F.f));
+    // The symbolic factor holds what the ordering predicted, plus the zeros of merged supernodes.
+    EXPECT_GE(F.f.factorNz, nz) << c.m;
+    EXPECT_LE(F.f.factorNz, 1.5 * nz) << c.m;
+    ASSERT_EQ(0, vrx::VRXbarFactorize(e.env, s.view(), theta.data(), 0.0, &F.f));
+    EXPECT_EQ(0, F.f.skipPivotCount);
+    std::vector<double> x(c.m);
+    vrx::VRXbarSolve(&F.f, s.view(), theta.data(), rhs.data(), x.data());
+    std::vector<double> ref = denseSolve(s.product(theta), rhs);
+    EXPECT_LT(maxRelDiff(x, ref), 1e-8) << "m=" << c.m;
+    // A second factor on the same symbolic part with other values.
+    for (double& t : theta) t = 1.0 / t;
+    ASSERT_EQ(0, vrx::VRXbarFactorize(e.env, s.view(), theta.data(), 0.0, &F.f));
+    vrx::VRXbarSolve(&F.f, s.view(), theta.data(), rhs.data(), x.data());
+    EXPECT_LT(maxRelDiff(x, denseSolve(s.product(theta), rhs)), 1e-8) << "m=" << c.m;
+  }
+}
+
+// A few long columns go through the Schur complement; the answer is the same.
+TEST(BarFactor, DenseColumnsTakeTheSchurPath) {
+  Env e;
+  Sparse s = randomMatrix(200, 300, 3, 11, 4);
+  std::vector<double> theta(s.n, 1.0);
+  for (int j = 0; j < s.n; ++j) theta[j] = 0.5 + (j % 5);
+  Factor F(e.env);
+  vrx::BarFactorOpts opts;
+  double nz = 0, ops = 0;
+  ASSERT_EQ(0, vrx::VRXbarOrder(e.env, s.view(), opts, &F.f, &nz, &ops));
+  EXPECT_EQ(4, F.f.denseCols);
+  for (int t = 0; t < F.f.denseCols; ++t) EXPECT_GE(F.f.denseColList[t], s.n - 4);
+  ASSERT_EQ(0, vrx::VRXbarSymbolic(e.env, s.view(), &F.f));
+  ASSERT_EQ(0, vrx::VRXbarFactorize(e.env, s.view(), theta.data(), 0.0, &F.f));
+  std::vector<double> rhs(s.m), x(s.m);
+  for (int i = 0; i < s.m; ++i) rhs[i] = 1.0 + (i % 7);
+  vrx::VRXbarSolve(&F.f, s.view(), theta.data(), rhs.data(), x.data());
+  EXPECT_LT(maxRelDiff(x, denseSolve(s.product(theta), rhs)), 1e-9);
+
+  // Switched off, the same matrix has no dense set.
+  Factor G(e.env);
+  opts.denseSep = 1;
+  ASSERT_EQ(0, vrx::VRXbarOrder(e.env, s.view(), opts, &G.f, &nz, &ops));
+  EXPECT_EQ(0, G.f.denseCols);
+  // Columns of the same short length never make a dense set.
+  Sparse u = randomMatrix(100, 300, 3, 12);
+  Factor H(e.env);
+  opts.denseSep = -1;
+  ASSERT_EQ(0, vrx::VRXbarOrder(e.env, u.view(), opts, &H.f, &nz, &ops));
+  EXPECT_EQ(0, H.f.denseCols);
+}
+
+// A repeated row makes the product singular and an empty row leaves a zero on
+// the diagonal: the repeated row's pivot drops out, the empty row takes the
+// regularisation value when there is one; consistent systems still solve.
+TEST(BarFactor, DependentRowsDropOrRegularise) {
+  Env e;
+  Sparse s;
+  s.m = 5;
+  // Row 3 equals row 1; row 4 has no entries.
+  s.cols = {{{0, 1}, {1, 2}, {3, 2}}, {{1, 1}, {2, 1}, {3, 1}}, {{0, 3}, {2, -1}}, {{2, 1}}};
+  s.finish();
+  std::vector<double> theta = {1, 2, 3, 4};
+  for (double reg : {0.0, 1e-8}) {
+    Factor F(e.env);
+    vrx::BarFactorOpts opts;
+    opts.denseSep = 1;
+    ASSERT_EQ(0, vrx::VRXbarOrder(e.env, s.view(), opts, &F.f, nullptr, nullptr));
+    ASSERT_EQ(0, vrx::VRXbarSymbolic(e.env, s.view(), &F.f));
+    ASSERT_EQ(0, vrx::VRXbarFactorize(e.env, s.view(), theta.data(), reg, &F.f));
+    EXPECT_EQ(reg == 0 ? 2 : 1, F.f.skipPivotCount) << reg;
+    EXPECT_EQ(reg == 0 ? 0 : 1, F.f.regularised) << reg;
+    // rhs = M v for some v: the answer must reproduce it.
+    std::vector<double> v = {1, -2, 0.5, 3, 0};
+    std::vector<double> M = s.product(theta), rhs(5, 0.0), x(5);
+    for (int i = 0; i < 5; ++i)
+      for (int j = 0; j < 5; ++j) rhs[i] += M[i * 5 + j] * v[j];
+    vrx::VRXbarSolve(&F.f, s.view(), theta.data(), rhs.data(), x.data());
+    for (int i = 0; i < 5; ++i) {
+      double mx = 0;
+      for (int j = 0; j < 5; ++j) mx += M[i * 5 + j] * x[j];
+      EXPECT_NEAR(rhs[i], mx, 1e-6 * (1 + std::fabs(rhs[i]))) << "reg " << reg << " row " << i;
+    }
+    EXPECT_TRUE(std::isfinite(x[4]));
+  }
+}
+
+// Orderings: the identity on a diagonal product, a valid permutation that beats
+// the natural order on a grid, and both sides of the choice about dense columns.
+TEST(BarFactor, OrderingIdentityOnDiagonalAndLessFillOnGrid) {
+  Env e;
+  Sparse d;
+  d.m = 50;
+  for (int i = 0; i < 50; ++i) d.cols.push_back({{i, 2.0}});
+  d.finish();
+  Factor F(e.env);
+  vrx::BarFactorOpts opts;
+  double nz = 0, ops = 0;
+  ASSERT_EQ(0, vrx::VRXbarOrder(e.env, d.view(), opts, &F.f, &nz, &ops));
+  for (int i = 0; i < 50; ++i) EXPECT_EQ(i, F.f.perm[i]);
+  EXPECT_DOUBLE_EQ(50.0, nz);
+
+  // A 40 x 40 grid: rows are nodes, columns are edges.
+  const int g = 40, m = g * g;
+  Sparse s;
+  s.m = m;
+  for (int r = 0; r < g; ++r)
+    for (int c = 0; c < g; ++c) {
+      const int v = r * g + c;
+      s.cols.push_back({{v, 1.0}});
+      if (c + 1 < g) s.cols.push_back({{v, 1.0}, {v + 1, -1.0}});
+      if (r + 1 < g) s.cols.push_back({{v, 1.0}, {v + g, -1.0}});
+    }
+  s.finish();
+  Factor G(e.env);
+  ASSERT_EQ(0, vrx::VRXbarOrder(e.env, s.view(), opts, &G.f, &nz, &ops));
+  std::vector<int> seen(m, 0);
+  for (int i = 0; i < m; ++i) seen[G.f.perm[i]]++;
+  for (int i = 0; i < m; ++i) ASSERT_EQ(1, seen[i]);
+  // The natural order fills the whole band: about m * g entries.
+  int64_t* xadj = nullptr;
+  int* adj = nullptr;
+  ASSERT_EQ(0, vrx::productPattern(e.env, s.view(), nullptr, &xadj, &adj, nullptr));
+  std::vector<int> natural(m);
+  for (int i = 0; i < m; ++i) natural[i] = i;
+  double nzNat = 0, opsNat = 0;
+  ASSERT_EQ(0, vrx::predictFactor(e.env, m, xadj, adj, natural.data(), &nzNat, &opsNat));
+  vrx::envFree(e.env, xadj);
+  vrx::envFree(e.env, adj);
+  EXPECT_LT(nz, 0.5 * nzNat);
+  EXPECT_LT(ops, 0.2 * opsNat);
+  // And the factor on that ordering solves.
+  ASSERT_EQ(0, vrx::VRXbarSymbolic(e.env, s.view(), &G.f));
+  std::vector<double> theta(s.n, 1.0), rhs(m, 1.0), x(m);
+  ASSERT_EQ(0, vrx::VRXbarFactorize(e.env, s.view(), theta.data(), 0.0, &G.f));
+  vrx::VRXbarSolve(&G.f, s.view(), theta.data(), rhs.data(), x.data());
+  std::vector<double> r(m, 0.0);
+  for (int j = 0; j < s.n; ++j) {
+    double ax = 0;
+    for (int64_t p = s.colBeg[j]; p < s.colBeg[j + 1]; ++p) ax += s.val[p] * x[s.rowInd[p]];
+    for (int64_t p = s.colBeg[j]; p < s.colBeg[j + 1]; ++p) r[s.rowInd[p]] += s.val[p] * ax;
+  }
+  for (int i = 0; i < m; ++i) ASSERT_NEAR(1.0, r[i], 1e-9);
+}
+
+// Two blocks of two rows, the second row of each 1024 times the first, so the
+// second pivot of each block cancels to exactly 0 in a heavy row. With a
+// regularisation value the first such pivot takes it; the one at the end of
+// the factor, and every one without the value, drops out.
+TEST(BarFactor, TinyPivotsTakeTheRegularisationExceptAtTheEnd) {
+  Env e;
+  Sparse s;
+  s.m = 4;
+  for (int b = 0; b < 2; ++b) {
+    const int r = 2 * b;
+    s.cols.push_back({{r, 1.0}, {r + 1, 1024.0}});
+    s.cols.push_back({{r, 2.0}, {r + 1, 2048.0}});
+  }
+  s.finish();
+  std::vector<double> theta = {1, 2, 4, 8};
+  for (double reg : {0.0, 1e-6}) {
+    Factor F(e.env);
+    vrx::BarFactorOpts opts;
+    opts.denseSep = 1;
+    ASSERT_EQ(0, vrx::VRXbarOrder(e.env, s.view(), opts, &F.f, nullptr, nullptr));
+    ASSERT_EQ(0, vrx::VRXbarSymbolic(e.env, s.view(), &F.f));
+    ASSERT_EQ(0, vrx::VRXbarFactorize(e.env, s.view(), theta.data(), reg, &F.f));
+    EXPECT_EQ(reg > 0 ? 1 : 2, F.f.skipPivotCount) << reg;
+    EXPECT_EQ(reg > 0 ? 1 : 0, F.f.regularised) << reg;
+    EXPECT_EQ(1, F.f.dropped[3]) << "the last pivot is out of the solves";
+    if (reg > 0) EXPECT_DOUBLE_EQ(reg, F.f.minPivot);
+    // A consistent right-hand side is reproduced either way.
+    std::vector<double> v = {1, -2, 0.5, 3};
+    std::vector<double> M = s.product(theta), rhs(4, 0.0), x(4);
+    for (int i = 0; i < 4; ++i)
+      for (int j = 0; j < 4; ++j) rhs[i] += M[i * 4 + j] * v[j];
+    vrx::VRXbarSolve(&F.f, s.view(), theta.data(), rhs.data(), x.data());
+    for (int i = 0; i < 4; ++i) {
+      ASSERT_TRUE(std::isfinite(x[i])) << reg;
+      double mx = 0;
+      for (int j = 0; j < 4; ++j) mx += M[i * 4 + j] * x[j];
+      EXPECT_NEAR(rhs[i], mx, 1e-9 * std::fabs(rhs[i])) << "reg " << reg << " row " << i;
+    }
+  }
+}
+
+// The assembly through the precomputed panel slots and the row-by-row assembly
+// give the same factor, with and without dense columns.
+TEST(BarFactor, AssemblyMapMatchesRowByRow) {
+  Env e;
+  for (int dense : {0, 3}) {
+    Sparse s = randomMatrix(300, 900, 4, 17u + dense, dense);
+    std::vector<double> theta(s.n);
+    for (int j = 0; j < s.n; ++j) theta[j] = std::ldexp(1.0, (j * 7) % 13 - 6);
+    Factor F(e.env);
+    vrx::BarFactorOpts opts;
+    opts.denseSep = dense ? -1 : 1;
+    opts.denseThresh = dense ? 100 : -1;
+    ASSERT_EQ(0, vrx::VRXbarOrder(e.env, s.view(), opts, &F.f, nullptr, nullptr));
+    ASSERT_EQ(dense, F.f.denseCols);
+    ASSERT_EQ(0, vrx::VRXbarSymbolic(e.env, s.view(), &F.f));
+    ASSERT_NE(nullptr, F.f.asmOff);
+    ASSERT_EQ(0, vrx::VRXbarFactorize(e.env, s.view(), theta.data(), 0.0, &F.f));
+    const int64_t len = F.f.panelBeg[F.f.superCount];
+    std::vector<double> mapped(F.f.panelVal, F.f.panelVal + len);
+    vrx::envFree(e.env, F.f.asmOff);
+    F.f.asmOff = nullptr;
+    ASSERT_EQ(0, vrx::VRXbarFactorize(e.env, s.view(), theta.data(), 0.0, &F.f));
+    // Compare the lower parts of the panels only: the rest is never read.
+    for (int t = 0; t < F.f.superCount; ++t) {
+      const int nc = F.f.superBeg[t + 1] - F.f.superBeg[t];
+      const int nr = static_cast<int>(F.f.superRows[t + 1] - F.f.superRows[t]);
+      for (int j = 0; j < nc; ++j)
+        for (int i = j; i < nr; ++i) {
+          const int64_t p = F.f.panelBeg[t] + static_cast<int64_t>(j) * nr + i;
+          ASSERT_NEAR(mapped[p], F.f.panelVal[p], 1e-10 * (1 + std::fabs(mapped[p]))) << dense << " " << t;
+        }
+    }
+  }
+}
+
+}  // namespace
+
+namespace {
+
+// The subtrees of the factor run as tasks on any number of threads with the
+// same result to the last bit, and the factor still solves.
+TEST(BarFactor, ThreadsGiveTheSameFactor) {
+  Env e;
+  const int g = 110, m = g * g;
+  Sparse s;
+  s.m = m;
+  for (int r = 0; r < g; ++r)
+    for (int c = 0; c < g; ++c) {
+      const int v = r * g + c;
+      s.cols.push_back({{v, 1.0}});
+      if (c + 1 < g) s.cols.push_back({{v, 1.0}, {v + 1, -1.0}});
+      if (r + 1 < g) s.cols.push_back({{v, 1.0}, {v + g, -1.0}});
+    }
+  s.finish();
+  std::vector<double> theta(s.n);
+  for (int j = 0; j < s.n; ++j) theta[j] = 0.5 + (j * 37 % 11);
+  std::vector<double> rhs(m), x1(m), x2(m);
+  for (int i = 0; i < m; ++i) rhs[i] = 1.0 + (i % 13);
+  std::vector<double> panels[2];
+  std::vector<double>* xs[2] = {&x1, &x2};
+  for (int threads : {1, 2}) {
+    Factor F(e.env);
+    vrx::BarFactorOpts opts;
+    opts.order = 0;
+    opts.threads = threads;
+    ASSERT_EQ(0, vrx::VRXbarOrder(e.env, s.view(), opts, &F.f, nullptr, nullptr));
+    ASSERT_EQ(0, vrx::VRXbarSymbolic(e.env, s.view(), &F.f));
+    ASSERT_GE(F.f.taskCount, 2);
+    EXPECT_EQ(threads, F.f.workers);
+    ASSERT_EQ(0, vrx::VRXbarFactorize(e.env, s.view(), theta.data(), 0.0, &F.f));
+    // Twice, so that the lists of the first run leave nothing behind.
+    ASSERT_EQ(0, vrx::VRXbarFactorize(e.env, s.view(), theta.data(), 0.0, &F.f));
+    const int64_t len = F.f.panelBeg[F.f.superCount];
+    panels[threads - 1].clear();
+    for (int t = 0; t < F.f.superCount; ++t) {
+      const int nc = F.f.superBeg[t + 1] - F.f.superBeg[t];
+      const int nr = static_cast<int>(F.f.superRows[t + 1] - F.f.superRows[t]);
+      for (int j = 0; j < nc; ++j)
+        for (int i = j; i < nr; ++i) panels[threads - 1].push_back(F.f.panelVal[F.f.panelBeg[t] + int64_t(j) * nr + i]);
+    }
+    EXPECT_GT(len, 0);
+    vrx::VRXbarSolve(&F.f, s.view(), theta.data(), rhs.data(), xs[threads - 1]->data());
+  }
+  ASSERT_EQ(panels[0].size(), panels[1].size());
+  EXPECT_TRUE(panels[0] == panels[1]);
+  EXPECT_TRUE(x1 == x2);
+  // M x = rhs on the grid.
+  std::vector<double> r(m, 0.0);
+  for (int j = 0; j < s.n; ++j) {
+    double ax = 0;
+    for (int64_t p = s.colBeg[j]; p < s.colBeg[j + 1]; ++p) ax += s.val[p] * x1[s.rowInd[p]];
+    for (int64_t p = s.colBeg[j]; p < s.colBeg[j + 1]; ++p) r[s.rowInd[p]] += s.val[p] * theta[j] * ax;
+  }
+  for (int i = 0; i < m; ++i) ASSERT_NEAR(rhs[i], r[i], 1e-8 * rhs[i]) << i;
+}
+
+}  // namespace
