@@ -139,6 +139,10 @@ struct VRXfactorT {
   T* etaVal;
   int64_t etaCap;
   int* etaFirst;  // per row: 1 + the first eta holding an entry in it, 0 when none
+  int* etaLastOfRow;  // per row: 1 + the newest eta pivoting on it, 0 when none
+  int* etaPrevSame;   // per eta: the next older eta with the same pivot row, -1 when none
+  int* etaHeap;       // scratch of the sparse row-eta pass in btran
+  char* etaMark;      // per eta: queued in that pass
 
   // Build arena: the active matrix row-wise, grown by 1.5 when a build returns -1.
   int* uArena;

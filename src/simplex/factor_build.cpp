@@ -708,6 +708,7 @@ int finish(F<T>* f, int64_t lTop, double wf, double* work) {
     f->sparseRatio = static_cast<int>(std::min<double>(m, 5.0 * d * d));
   }
   for (int64_t e = 0; e < f->etaBeg[f->rowEtaCount]; e++) f->etaFirst[f->etaInd[e]] = 0;
+  for (int u = 0; u < f->rowEtaCount; u++) f->etaLastOfRow[f->etaPivotRow[u]] = 0;
   f->nUpdatesDone = 0;
   f->rowEtaCount = 0;
   f->rowEtaNz = 0;
@@ -740,6 +741,7 @@ void VRXfactorFree(VRXfactorT<T>** fp) {
       f->lRowVal,      f->lRowList,     f->diag,       f->uRowBeg,   f->uRowEnd,    f->uRowCap,
       f->uRowInd,      f->uRowVal,      f->uColBeg,    f->uColEnd,   f->uColInd,    f->uColVal,
       f->etaBeg,       f->etaPivotRow,  f->etaInd,     f->etaVal,    f->etaFirst,   f->uArena,     f->uArenaVal,
+      f->etaLastOfRow, f->etaPrevSame,  f->etaHeap,    f->etaMark,
       f->unpivotedPos, f->pivotlessRow, f->wv,         f->wi,        f->inList,     f->visited,
       f->stack,        f->stackPos,     f->reach,      f->bw.rBeg,   f->bw.rCap,    f->bw.rLen,
       f->bw.rArNext,   f->bw.rArPrev,   f->bw.cBeg,    f->bw.cCap,   f->bw.cLen,    f->bw.cArNext,
@@ -800,6 +802,10 @@ int VRXfactorCreate(VRXenv* env, int m, int updateLimit, VRXfactorT<T>** out) {
   L(&f->etaBeg, U);
   I(&f->etaPivotRow, U);
   ok = ok && (f->etaFirst = envCallocArray<int>(env, M)) != nullptr;
+  ok = ok && (f->etaLastOfRow = envCallocArray<int>(env, M)) != nullptr;
+  I(&f->etaPrevSame, U);
+  I(&f->etaHeap, U);
+  C(&f->etaMark, U);
   I(&f->unpivotedPos, M);
   I(&f->pivotlessRow, M);
   V(&f->wv, M);
@@ -865,8 +871,10 @@ int VRXfactorSetUpdateLimit(VRXfactorT<T>* f, int updateLimit) {
     const size_t U = static_cast<size_t>(updateLimit) + 1;
     if (!vrx::lu::growArray(f->env, &f->rowPerm, M + U) ||
         !vrx::lu::growArray(f->env, &f->etaBeg, U) ||
-        !vrx::lu::growArray(f->env, &f->etaPivotRow, U))
+        !vrx::lu::growArray(f->env, &f->etaPivotRow, U) || !vrx::lu::growArray(f->env, &f->etaPrevSame, U) ||
+        !vrx::lu::growArray(f->env, &f->etaHeap, U) || !vrx::lu::growArray(f->env, &f->etaMark, U))
       return VRX_ERROR_OUT_OF_MEMORY;
+    std::memset(f->etaMark, 0, U);
     for (size_t t = static_cast<size_t>(f->m) + f->updateCap; t < M + U; t++) f->rowPerm[t] = -1;
     f->updateCap = updateLimit;
   }

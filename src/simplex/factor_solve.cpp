@@ -439,10 +439,58 @@ void btranU(F<T>* f, int64_t* ops) {
   }
 }
 
+// A short vector meets few etas: only those whose pivot row holds a value act, so they
+// are visited newest first through the per-row chains instead of walking them all.
+template <class T>
+void btranRSparse(F<T>* f, int64_t* ops) {
+  const T drop = T(f->dropTol);
+  T* wv = f->wv;
+  int* heap = f->etaHeap;
+  int size = 0;
+  auto queue = [&](int v) {
+    if (v < 0 || f->etaMark[v]) return;
+    f->etaMark[v] = 1;
+    heap[size++] = v;
+    std::push_heap(heap, heap + size);
+  };
+  // The newest eta below `below` that pivots on row r.
+  auto queueRow = [&](int r, int below) {
+    int v = f->etaLastOfRow[r] - 1;
+    while (v >= below) {
+      v = f->etaPrevSame[v];
+      (*ops)++;
+    }
+    queue(v);
+  };
+  const int given = f->wcount;
+  for (int k = 0; k < given; k++) queueRow(f->wi[k], f->rowEtaCount);
+  while (size > 0) {
+    std::pop_heap(heap, heap + size);
+    const int u = heap[--size];
+    f->etaMark[u] = 0;
+    const int r = f->etaPivotRow[u];
+    queue(f->etaPrevSame[u]);
+    const T x = wv[r];
+    (*ops)++;
+    if (absT(x) <= drop) continue;
+    for (int64_t e = f->etaBeg[u]; e < f->etaBeg[u + 1]; e++) {
+      const int j = f->etaInd[e];
+      addToList(f, j);
+      wv[j] += f->etaVal[e] * x;
+      queueRow(j, u);
+    }
+    *ops += f->etaBeg[u + 1] - f->etaBeg[u];
+  }
+}
+
 template <class T>
 void btranR(F<T>* f, int64_t* ops) {
   const T drop = T(f->dropTol);
   T* wv = f->wv;
+  if (f->wcount >= 0 && f->wcount <= 5) {
+    btranRSparse(f, ops);
+    return;
+  }
   for (int u = f->rowEtaCount - 1; u >= 0; u--) {
     T x = wv[f->etaPivotRow[u]];
     if (absT(x) <= drop) continue;

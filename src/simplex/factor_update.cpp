@@ -280,6 +280,8 @@ int VRXfactorUpdate(VRXfactorT<T>* f, int p, int enterVar, VRXfactorCtl* ctl, do
     e++;
   }
   f->etaPivotRow[f->rowEtaCount] = i;
+  f->etaPrevSame[f->rowEtaCount] = f->etaLastOfRow[i] - 1;
+  f->etaLastOfRow[i] = f->rowEtaCount + 1;
   f->etaBeg[++f->rowEtaCount] = e;
   f->rowEtaNz += v.count;
   f->nUpdatesDone++;
