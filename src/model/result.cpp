@@ -1,6 +1,7 @@
 // Result records, the objective table, and the two measured attribute families.
 #include "model/result.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -103,6 +104,45 @@ struct Worst {
   }
 };
 
+// The slopes of the piecewise term of column j at x: left and right ones at a breakpoint,
+// the segment's on both sides inside it; the end segments extend beyond the points.
+void pwlSlopes(const VRXmodeldata* d, int j, double x, double* left, double* right) {
+  const double* px = d->pwlX + d->pwlBeg[j];
+  const double* py = d->pwlY + d->pwlBeg[j];
+  const int cnt = d->pwlCount[j];
+  *left = *right = 0;
+  if (cnt < 2) return;
+  // Segments of zero width (a jump) carry no slope.
+  auto slope = [&](int k) { return (py[k + 1] - py[k]) / (px[k + 1] - px[k]); };
+  int first = -1, last = -1;
+  for (int k = 0; k + 1 < cnt; ++k) {
+    if (px[k + 1] <= px[k]) continue;
+    if (first < 0) first = k;
+    last = k;
+  }
+  if (first < 0) return;
+  const double tol = 1e-9 * (1 + std::fabs(x));
+  *left = slope(first);
+  *right = slope(last);
+  bool leftSet = false;
+  for (int k = first; k <= last; ++k) {
+    if (px[k + 1] <= px[k]) continue;
+    const double s = slope(k);
+    if (x >= px[k + 1] - tol) {
+      *left = s;
+      leftSet = true;
+      continue;
+    }
+    if (x <= px[k] + tol) {
+      *right = s;
+      if (!leftSet) *left = s;
+      return;
+    }
+    *left = *right = s;
+    return;
+  }
+}
+
 }  // namespace
 
 int computeQuality(VRXenv* env, const VRXmodeldata* d, VRXresult* r) {
@@ -175,6 +215,15 @@ int computeQuality(VRXenv* env, const VRXmodeldata* d, VRXresult* r) {
         double s = d->obj[j] - rc;
         for (int64_t p = d->colBeg[j]; p < d->colBeg[j] + d->colLen[j]; ++p)
           s -= storeValue(d, d->rowInd[p], j, d->val[p]) * sense * r->pi[d->rowInd[p]];
+        // With a piecewise term the reduced cost holds the slope: s = -slope must lie in
+        // the slope interval at x_j.
+        if (d->pwlCount && d->pwlBeg && d->pwlCount[j] > 0) {
+          double lo = 0, hi = 0;
+          pwlSlopes(d, j, v, &lo, &hi);
+          if (lo > hi) std::swap(lo, hi);
+          s = -s;
+          s = s < lo ? lo - s : (s > hi ? s - hi : 0.0);
+        }
         resid[j] = std::fabs(s);
       }
     }

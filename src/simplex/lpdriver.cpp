@@ -37,6 +37,52 @@ int modelBasisCode(int vs) {
   }
 }
 
+// With a complete PStart the nonbasic variables take their start values in the record's
+// units (slacks from the row activities); those off their bounds stay superbasic at that
+// value for the primal to move. Returns the count of superbasics, -1 when out of memory
+// (nothing changed then).
+int loadStartValues(VRXmodel* model, VRXlp* lp, const VRXwarmstart* ws) {
+  const int n = lp->n, m = lp->m;
+  if (!ws->start || (ws->startState != 2 && ws->startState != 3)) return 0;
+  for (int j = 0; j < n; ++j)
+    if (!(std::fabs(ws->start[j]) < kInf)) return 0;
+  if (!lp->warmStart) {
+    lp->warmStart = envAllocArray<double>(lp->env, static_cast<size_t>(n + m) + 1);
+    if (!lp->warmStart) return -1;
+  }
+  double* v = lp->warmStart;
+  const char* flipped = lp->copy && lp->copy->flippedCount > 0 ? lp->copy->colFlipped : nullptr;
+  for (int j = 0; j < n; ++j) {
+    double x = ws->start[j];
+    if (flipped && flipped[j]) x = -x;
+    v[j] = lp->colScale ? x / lp->colScale[j] : x;
+  }
+  for (int i = 0; i < m; ++i) v[n + i] = lp->rhs[i];
+  for (int j = 0; j < n; ++j) {
+    if (v[j] == 0.0) continue;
+    for (int64_t p = lp->colBeg[j]; p < lp->colBeg[j] + lp->colLen[j]; ++p)
+      v[n + lp->rowInd[p]] -= lp->val[p] * v[j];
+  }
+  int count = 0;
+  for (int k = 0; k < n + m; ++k) {
+    if (lp->varStat[k] >= 0) continue;
+    const double lo = lp->lower[k], up = lp->upper[k];
+    const double x = std::min(std::max(v[k], lo), up);
+    v[k] = x;
+    const double tol = lp->feasTol * (1.0 + std::fabs(x));
+    if (lo > -lp->infBound && x - lo <= tol) {
+      lp->varStat[k] = VRX_VS_LOWER;
+    } else if (up < lp->infBound && up - x <= tol) {
+      lp->varStat[k] = VRX_VS_UPPER;
+    } else if (lo > -lp->infBound || up < lp->infBound || x != 0.0) {
+      lp->varStat[k] = VRX_VS_FREE;
+      ++count;
+    }
+  }
+  if (count > 0) log(model->env, "Superbasic variables: %d.\n", count);
+  return count;
+}
+
 // Starts the record from the warm-start basis of the model, when one was set and checked.
 // Returns true when the record took it.
 bool applyWarmBasis(VRXmodel* model, VRXlp* lp) {
@@ -67,6 +113,8 @@ bool applyWarmBasis(VRXmodel* model, VRXlp* lp) {
     else
       lp->varStat[k] = VRX_VS_FREE;
   }
+  // Short of memory the start values are left out; the basis alone still serves.
+  loadStartValues(model, lp, ws);
   lp->factor->freshBasis = 1;
   lp->actionCode = 1;
   lp->loadKind = 2;
@@ -77,6 +125,101 @@ bool applyWarmBasis(VRXmodel* model, VRXlp* lp) {
 }
 
 }  // namespace
+
+int lpCheckFinalFactor(VRXlp* lp, Clock& clock, bool* ok) {
+  *ok = false;
+  const int n = lp->n, m = lp->m;
+  VRXfactor* f = lp->factor;
+  if (lp->quadMode != 0 || !f || !lp->Bbar) return VRX_ERROR_DATA_NOT_AVAILABLE;
+  if (m == 0) {
+    *ok = true;
+    return 0;
+  }
+  int* head = f->basisHead;
+  for (int p = 0; p < m; ++p) {
+    const int j = head[p];
+    if (j < 0 || j >= n + m || lp->varStat[j] != p) return 0;
+  }
+  VRXenv* env = lp->env;
+  double work = 0;
+  VRXfactorMatrix A = lpFactorMatrix(lp);
+  VRXfactorCtl ctl;
+  lpFactorCtlLoad(lp, &ctl);
+  // A check must see the basis as it is: no rescue, no repair.
+  ctl.hasSavedState = 0;
+  int unpivoted = 0;
+  f->freshBasis = 1;
+  int rc = VRXfactorFactorize(f, &A, head, &ctl, &work, &unpivoted);
+  clockCharge(clock, work);
+  work = 0;
+  if (rc == VRX_ERROR_OUT_OF_MEMORY) return rc;
+  if (rc || unpivoted > 0 || !f->valid) {
+    f->freshBasis = 1;
+    f->valid = 0;
+    return 0;
+  }
+  double* xs = envCallocArray<double>(env, static_cast<size_t>(n + m) + 1);
+  double* row = envCallocArray<double>(env, 2 * static_cast<size_t>(m) + 1);
+  VRXsvec in{}, out{};
+  if (!xs || !row || svecAlloc(env, &in, m) || svecAlloc(env, &out, m)) {
+    rc = VRX_ERROR_OUT_OF_MEMORY;
+  } else {
+    for (int k = 0; k < n + m; ++k) {
+      const int vs = lp->varStat[k];
+      if (vs >= 0) continue;
+      double v = lp->warmStart ? lp->warmStart[k] : 0.0;
+      if (vs == VRX_VS_LOWER || vs == VRX_VS_FIX_LOWER) v = lp->lower[k];
+      if (vs == VRX_VS_UPPER || vs == VRX_VS_FIX_UPPER) v = lp->upper[k];
+      if (std::fabs(v) >= lp->infBound) v = 0;
+      xs[k] = v;
+    }
+    in.count = -1;
+    for (int i = 0; i < m; ++i) in.value[i] = lp->rhs[i];
+    for (int k = 0; k < n + m; ++k) {
+      if (lp->varStat[k] >= 0 || xs[k] == 0.0) continue;
+      for (int64_t p = lp->colBeg[k]; p < lp->colBeg[k] + lp->colLen[k]; ++p)
+        in.value[lp->rowInd[p]] -= lp->val[p] * xs[k];
+    }
+    rc = VRXftran(f, &in, &out, 0, 1, &work);
+    clockCharge(clock, work);
+    if (!rc) {
+      if (out.count < 0) {
+        for (int p = 0; p < m; ++p) xs[head[p]] = out.value[p];
+      } else {
+        for (int k = 0; k < out.count; ++k) xs[head[out.index[k]]] = out.value[out.index[k]];
+      }
+      // The residual b - A x over the whole matrix, against the size of the row's terms.
+      double* resid = row;
+      double* size = row + m;
+      for (int i = 0; i < m; ++i) {
+        resid[i] = lp->rhs[i];
+        size[i] = std::fabs(lp->rhs[i]);
+      }
+      for (int k = 0; k < n + m; ++k) {
+        if (xs[k] == 0.0) continue;
+        for (int64_t p = lp->colBeg[k]; p < lp->colBeg[k] + lp->colLen[k]; ++p) {
+          const double t = lp->val[p] * xs[k];
+          resid[lp->rowInd[p]] -= t;
+          size[lp->rowInd[p]] += std::fabs(t);
+        }
+      }
+      clockCharge(clock, 2.0 * static_cast<double>(lp->nnz + m) * lp->workFactor);
+      bool good = true;
+      for (int i = 0; i < m && good; ++i) good = std::fabs(resid[i]) <= lp->feasTol * std::max(1.0, size[i]);
+      // The values the run ended with must be those of the basis.
+      for (int p = 0; p < m && good; ++p) {
+        const double x = xs[head[p]];
+        good = std::fabs(x - lp->Bbar[p]) <= lp->feasTol * std::max(1.0, std::fabs(x));
+      }
+      *ok = good;
+    }
+  }
+  svecFree(env, &in);
+  svecFree(env, &out);
+  envFree(env, xs);
+  envFree(env, row);
+  return rc == VRX_ERROR_OUT_OF_MEMORY ? rc : 0;
+}
 
 // The solution of the record in true units and the caller's terms, into a fresh result.
 int lpPublish(VRXmodel* model, VRXlp* lp) {
@@ -353,11 +496,60 @@ int addProofs(VRXmodel* model, VRXlp* lp, Clock& clock) {
   return rc;
 }
 
-int lpFinish(VRXmodel* model, VRXlp* lp, Clock& clock) {
+// A kept record that ended finished, on an unchanged model: its result stands. With
+// VORN_PAR_SIMPLEXENDFAC a fresh factor of its basis must confirm it first; a record that
+// fails is dropped for a new solve. *reuse 1 when the record is to be published as it is.
+int keptResult(VRXmodel* model, Clock& clock, int* reuse) {
+  *reuse = 0;
+  VRXenv* env = model->env;
+  auto* lp = static_cast<VRXlp*>(model->lp);
+  if (!finishedStatus(lp->status) || lp->quadMode != 0 || !lp->factor || !lp->Bbar) return 0;
+  if (lp->m != model->data->numConstrs || lp->n != model->data->numVars) return 0;
+  if (env->par.VORN_PAR_SIMPLEXENDFAC != 0) {
+    bool ok = false;
+    int err = lpCheckFinalFactor(lp, clock, &ok);
+    if (err) return err;
+    if (!ok) {
+      VRXlpFreeOnModel(model);
+      return 0;
+    }
+  }
+  // Each optimize counts its own iterations; the limits of this call apply to what follows.
+  const ParamStore& par = env->par;
+  lp->iterCount = 0;
+  lp->priorIter = 0;
+  lp->outputLevel = par.OutputFlag;
+  lp->cutoff = std::fabs(par.Cutoff) < kInf ? lp->sense * par.Cutoff : kInf;
+  *reuse = 1;
+  return 0;
+}
+
+int lpFinish(VRXmodel* model, VRXlp* lp, Clock& clock, bool verify = true) {
   VRXenv* env = model->env;
   // The proofs and the check in true units are those of a linear objective.
   const bool quadratic = model->data->numQNZs > 0;
-  int err = quadratic ? 0 : addProofs(model, lp, clock);
+  int err = 0;
+  if (verify && !quadratic && env->par.VORN_PAR_SIMPLEXENDFAC != 0 && finishedStatus(lp->status) &&
+      lp->quadMode == 0 && lp->factor && lp->Bbar) {
+    // The run's factor carries its updates: a fresh one of the final basis must agree with
+    // what the run ended on, otherwise the simplex goes on from that basis.
+    bool ok = true;
+    err = lpCheckFinalFactor(lp, clock, &ok);
+    if (err) return err;
+    if (!ok) {
+      if (lp->factor) lp->factor->freshBasis = 1;
+      lp->status = 1;
+      lp->phase = 0;
+      const int method = lp->method == 1 ? 1 : 0;
+      err = lpRunSimplex(lp, method, clock);
+      if (err == 100001 || err == 100002) {
+        err = 0;
+        lp->status = VRX_NUMERIC;
+      }
+      if (err) return err;
+    }
+  }
+  err = quadratic ? 0 : addProofs(model, lp, clock);
   if (err) return err;
   int status = lp->status;
   if (status == 2 && lp->cutoff < kInf && lp->dualObj > lp->cutoff) status = VRX_CUTOFF;
@@ -586,6 +778,15 @@ int lpOptimize(VRXmodel* model, Clock& clock) {
   if (env->par.VORN_PAR_UNSCALEDVIO == -2) env->par.VORN_PAR_UNSCALEDVIO = -1;
   if (env->par.VORN_PAR_SPXCONCURRENT == 1 && model->lp == nullptr) return spxConcurrent(model, clock);
   int err = 0;
+  if (model->lp && model->data->numQNZs == 0) {
+    int reuse = 0;
+    err = keptResult(model, clock, &reuse);
+    if (!err && reuse) err = lpFinish(model, static_cast<VRXlp*>(model->lp), clock, false);
+    if (err || reuse) {
+      if (err == VRX_ERROR_OUT_OF_MEMORY) log(env, "Out of memory\n");
+      return err;
+    }
+  }
   bool solved = model->data->numQNZs > 0;
   if (solved) err = qpRun(model, clock);
   // A kept record or a warm basis is the better start; otherwise presolve goes first.

@@ -23,6 +23,13 @@ int lpPublish(VRXmodel* model, VRXlp* lp);
 void lpClosingLines(VRXmodel* model, const VRXresult* r, double seconds,
                     const UnscaledQuality* uq = nullptr);
 
+// Checks a finished record by a fresh factor of its final basis (no repair): the head must
+// match the statuses, the basis be regular, and the basic values recomputed from it meet
+// the rows and agree with those the run ended on. The fresh factor stays in the record;
+// after a failed check it is marked for a rebuild. 0, 10001, or 10005 for a record without
+// a double factor.
+int lpCheckFinalFactor(VRXlp* lp, Clock& clock, bool* ok);
+
 // Estimate of the 1-norm condition number of the record's final basis (scaled) from its
 // current factor. 0, 10001, or 10005 without a valid factor of the basis to measure.
 int lpKappa(VRXlp* lp, Clock& clock, double* kappa);

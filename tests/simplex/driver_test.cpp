@@ -15,6 +15,7 @@
 #include "presolve/lpbridge.h"
 #include "simplex/dual.h"
 #include "simplex/lp.h"
+#include "simplex/lpdriver.h"
 #include "simplex/primal.h"
 #include "simplex/primal_impl.h"
 #include "simplex/simplex.h"
@@ -565,5 +566,166 @@ TEST(Driver, DualNormsRoundTrip) {
     VRXgetdblattr(cold.m, "IterCount", &coldIt);
     EXPECT_NEAR(coldObj, warmObj, 1e-7 * (1 + std::fabs(coldObj))) << name;
     EXPECT_LE(warmIt, coldIt) << name;
+  }
+}
+
+// A basis with a complete PStart: nonbasic start values off their bounds (slacks included)
+// are counted and the solve moves them to the optimum with either method; values at their
+// bounds print nothing.
+TEST(Driver, StartValuesOffBoundsAreSuperbasic) {
+  ModelDef s;  // min -2x - y: x + y <= 4, x - y <= 2, x, y in [0, 3]; optimum x 3, y 1
+  s.obj = {-2, -1};
+  s.lb = {0, 0};
+  s.ub = {3, 3};
+  s.rhs = {4, 2};
+  s.sense = "<<";
+  s.cols = {{{0, 1}, {1, 1}}, {{0, 1}, {1, -1}}};
+  struct Start {
+    std::vector<int> vb, cb;
+    std::vector<double> x;
+    int superbasic;  // 0: no line
+  };
+  const std::vector<Start> starts = {
+      {{-1, -1}, {0, 0}, {1.5, 0.5}, 2},
+      {{-1, -2}, {0, 0}, {0, 3}, 0},
+      // x basic, row 0 slack nonbasic at 4 - 1.5, y off its bounds.
+      {{0, -1}, {-1, 0}, {1, 0.5}, 2},
+  };
+  for (int method = 0; method <= 1; ++method) {
+    for (const Start& st : starts) {
+      Env e;
+      Model h(loadModelDef(e.env, s));
+      VRXenv* menv = VRXgetenv(h.m);
+      VRXsetintparam(menv, "Method", method);
+      ASSERT_EQ(0, VRXsetintattrarray(h.m, "VBasis", 0, 2, st.vb.data()));
+      ASSERT_EQ(0, VRXsetintattrarray(h.m, "CBasis", 0, 2, st.cb.data()));
+      ASSERT_EQ(0, VRXsetdblattrarray(h.m, "PStart", 0, 2, st.x.data()));
+      captureLogOf(menv);
+      ASSERT_EQ(0, VRXoptimize(h.m));
+      const std::string log = capturedLog();
+      VRXsetintparam(menv, "OutputFlag", 0);
+      const std::string line = "Superbasic variables: " + std::to_string(st.superbasic) + ".\n";
+      if (st.superbasic > 0)
+        EXPECT_NE(std::string::npos, log.find(line)) << log;
+      else
+        EXPECT_EQ(std::string::npos, log.find("Superbasic variables")) << log;
+      int status = 0;
+      double obj = 0, x[2] = {0, 0};
+      VRXgetintattr(h.m, "Status", &status);
+      EXPECT_EQ(2, status);
+      VRXgetdblattr(h.m, "ObjVal", &obj);
+      EXPECT_NEAR(-7, obj, 1e-9);
+      VRXgetdblattrarray(h.m, "X", 0, 2, x);
+      EXPECT_NEAR(3, x[0], 1e-9);
+      EXPECT_NEAR(1, x[1], 1e-9);
+    }
+  }
+  // A larger start: the slack basis with the optimum as PStart, which leaves most columns
+  // superbasic; the solve ends at the reference optimum.
+  for (const char* name : {"afiro", "sc105"}) {
+    Env e;
+    Model ref(readNetlib(e.env, name));
+    ASSERT_EQ(0, VRXoptimize(ref.m));
+    double refObj = 0;
+    VRXgetdblattr(ref.m, "ObjVal", &refObj);
+    int n = 0, rows = 0;
+    VRXgetintattr(ref.m, "NumVars", &n);
+    VRXgetintattr(ref.m, "NumConstrs", &rows);
+    std::vector<double> x(n);
+    VRXgetdblattrarray(ref.m, "X", 0, n, x.data());
+    Model h(readNetlib(e.env, name));
+    std::vector<int> vb(n, -1), cb(rows, 0);
+    VRXsetintattrarray(h.m, "VBasis", 0, n, vb.data());
+    VRXsetintattrarray(h.m, "CBasis", 0, rows, cb.data());
+    VRXsetdblattrarray(h.m, "PStart", 0, n, x.data());
+    captureLogOf(VRXgetenv(h.m));
+    ASSERT_EQ(0, VRXoptimize(h.m));
+    EXPECT_NE(std::string::npos, capturedLog().find("Superbasic variables: ")) << name;
+    VRXsetintparam(VRXgetenv(h.m), "OutputFlag", 0);
+    int status = 0;
+    double obj = 0;
+    VRXgetintattr(h.m, "Status", &status);
+    EXPECT_EQ(2, status) << name;
+    VRXgetdblattr(h.m, "ObjVal", &obj);
+    EXPECT_NEAR(refObj, obj, 1e-7 * (1 + std::fabs(refObj))) << name;
+  }
+}
+
+// A kept optimum is published again without a run once a fresh factor of its basis agrees
+// with it. A record whose basis head or basic values were damaged fails that check and is
+// solved anew (iterations counted), to the same optimum; with the check off the damaged
+// values are not looked at.
+TEST(Driver, KeptRecordCheckedByFreshFactor) {
+  for (const char* name : {"afiro", "sc105", "adlittle"}) {
+    for (int presolve = 0; presolve <= 1; ++presolve) {
+      Env e;
+      Model h(readNetlib(e.env, name));
+      VRXenv* menv = VRXgetenv(h.m);
+      VRXsetintparam(menv, "Presolve", presolve);
+      ASSERT_EQ(0, VRXoptimize(h.m));
+      int n = 0;
+      VRXgetintattr(h.m, "NumVars", &n);
+      double obj0 = 0, it = -1;
+      std::vector<double> x0(n), x1(n);
+      VRXgetdblattr(h.m, "ObjVal", &obj0);
+      VRXgetdblattrarray(h.m, "X", 0, n, x0.data());
+      ASSERT_NE(nullptr, h.m->lp) << name;
+
+      ASSERT_EQ(0, VRXoptimize(h.m));
+      VRXgetdblattr(h.m, "IterCount", &it);
+      EXPECT_EQ(0, it) << name;
+      double obj1 = 0;
+      VRXgetdblattr(h.m, "ObjVal", &obj1);
+      EXPECT_EQ(obj0, obj1) << name;
+      VRXgetdblattrarray(h.m, "X", 0, n, x1.data());
+      for (int j = 0; j < n; ++j) EXPECT_NEAR(x0[j], x1[j], 1e-9 * (1 + std::fabs(x0[j]))) << name << " " << j;
+
+      for (int damage = 0; damage < 3; ++damage) {
+        auto* lp = static_cast<VRXlp*>(h.m->lp);
+        ASSERT_NE(nullptr, lp);
+        ASSERT_GT(lp->m, 1);
+        int* head = lp->factor->basisHead;
+        if (damage == 0) {
+          head[1] = head[0];  // a repeated column: singular, and not the record's basis
+        } else {
+          int p = 0;  // the largest basic value, moved off
+          for (int q = 1; q < lp->m; ++q)
+            if (std::fabs(lp->Bbar[q]) > std::fabs(lp->Bbar[p])) p = q;
+          lp->Bbar[p] += 1.0 + std::fabs(lp->Bbar[p]);
+        }
+        VRXsetintparam(menv, "VORN_PAR_SIMPLEXENDFAC", damage == 2 ? 0 : 1);
+        ASSERT_EQ(0, VRXoptimize(h.m)) << name;
+        VRXgetdblattr(h.m, "IterCount", &it);
+        if (damage == 2)
+          EXPECT_EQ(0, it) << name << " kept without the check";
+        else
+          EXPECT_GT(it, 0) << name << " damage " << damage << " solved anew";
+        int status = 0;
+        VRXgetintattr(h.m, "Status", &status);
+        EXPECT_EQ(2, status) << name;
+        VRXgetdblattr(h.m, "ObjVal", &obj1);
+        EXPECT_NEAR(obj0, obj1, 1e-7 * (1 + std::fabs(obj0))) << name << " damage " << damage;
+      }
+    }
+  }
+}
+
+// The check of the final basis holds for solved Netlib models, and fails once the basic
+// values the record holds no longer follow from its basis.
+TEST(Driver, FinalFactorCheck) {
+  for (const char* name : {"afiro", "sc105", "bandm", "scfxm1", "stair", "e226"}) {
+    Env e;
+    Model h(readNetlib(e.env, name));
+    VRXsetintparam(VRXgetenv(h.m), "Presolve", 0);
+    ASSERT_EQ(0, VRXoptimize(h.m));
+    auto* lp = static_cast<VRXlp*>(h.m->lp);
+    ASSERT_NE(nullptr, lp);
+    vrx::Clock clk = vrx::clockStart();
+    bool ok = false;
+    ASSERT_EQ(0, vrx::lpCheckFinalFactor(lp, clk, &ok));
+    EXPECT_TRUE(ok) << name;
+    lp->Bbar[0] += 10.0;
+    ASSERT_EQ(0, vrx::lpCheckFinalFactor(lp, clk, &ok));
+    EXPECT_FALSE(ok) << name;
   }
 }
