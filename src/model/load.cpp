@@ -438,6 +438,20 @@ int modelEnter(VRXmodel* model) {
   return VRXcheckmodel(model);
 }
 
+void modelShareEnv(VRXmodel* model, VRXenv* env) {
+  VRXenv* own = model->env;
+  model->env = env;
+  model->ownsEnv = 0;
+  envFreeRecord(own);
+}
+
+int modelLoadDerived(VRXenv* env, const LoadArgs& args, VRXmodel** out) {
+  int rc = modelLoad(env, args, out);
+  if (rc) return rc;
+  modelShareEnv(*out, env);
+  return 0;
+}
+
 }  // namespace vrx
 
 using namespace vrx;

@@ -113,6 +113,11 @@ struct LoadArgs {
 // Validates and loads; on success *out holds the model, on failure it is null,
 // nothing is left allocated and the error text stands in env.
 int modelLoad(VRXenv* env, const LoadArgs& args, VRXmodel** out);
+// As modelLoad, for a model the solver derives from the caller's: it works in the
+// caller's environment (its log, limits, interrupt and memory count), not a copy.
+int modelLoadDerived(VRXenv* env, const LoadArgs& args, VRXmodel** out);
+// Makes a loaded model work in env instead of its own environment copy.
+void modelShareEnv(VRXmodel* model, VRXenv* env);
 // A deep copy of the store and of the optional arrays, with its own env copy.
 int modelCopy(VRXmodel* model, VRXmodel** out);
 // Frees everything the model owns, the record, and env when it owns it.

@@ -171,13 +171,8 @@ int build(VRXmodel* model, VRXmodel** dualOut, DualMap** mapOut) {
   a.lb = lb.data();
   a.ub = ub.data();
   VRXmodel* dual = nullptr;
-  int rc = modelLoad(env, a, &dual);
+  int rc = modelLoadDerived(env, a, &dual);
   if (rc) return rc;
-  // The dual solve is part of the caller's solve: same log, interrupt and memory count.
-  VRXenv* own = dual->env;
-  dual->env = env;
-  dual->ownsEnv = 0;
-  envFreeRecord(own);
   *dualOut = dual;
   *mapOut = map;
   guard.m = nullptr;

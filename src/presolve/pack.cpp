@@ -122,14 +122,8 @@ int presolvePack(VRXpresolve* p, VRXmodel* model, bool withNames, PresolveOut* o
   VRXmodel* pre = nullptr;
   int rc = modelLoad(model->env, a, &pre);
   if (rc) return rc;
-  if (!withNames) {
-    // The solve of the presolved model is part of this solve: it logs, polls the
-    // interrupt and counts memory through the caller's environment.
-    VRXenv* own = pre->env;
-    pre->env = model->env;
-    pre->ownsEnv = 0;
-    envFreeRecord(own);
-  }
+  // The solve of the presolved model is part of this solve.
+  if (!withNames) modelShareEnv(pre, model->env);
   charge(p, pwSpare, 4.0 * static_cast<double>(nz) + nc + nr);
 
   // The undo stack moves into the map.

@@ -149,13 +149,8 @@ int buildForm(VRXmodel* model, VRXmodel** out) {
   a.lb = lb.data();
   a.ub = ub.data();
   VRXmodel* form = nullptr;
-  int rc = modelLoad(env, a, &form);
+  int rc = modelLoadDerived(env, a, &form);
   if (rc) return rc;
-  // The LP form's solve is part of the caller's: same log, limits, interrupt and memory count.
-  VRXenv* own = form->env;
-  form->env = env;
-  form->ownsEnv = 0;
-  envFreeRecord(own);
   *out = form;
   return 0;
 }

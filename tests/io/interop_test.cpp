@@ -21,27 +21,12 @@
 #include <vector>
 
 #include "vornix_c.h"
+#include "../support/shared_data.h"
 
 namespace {
 
-bool onPath(const char* program) {
-  std::string cmd = std::string("command -v ") + program + " >/dev/null 2>&1";
-  return std::system(cmd.c_str()) == 0;
-}
-
-// The value behind the last line holding key in the command's output, or NAN.
-double valueAfter(const std::string& cmd, const std::string& key) {
-  FILE* p = popen(cmd.c_str(), "r");
-  if (!p) return NAN;
-  char line[4096];
-  double value = NAN;
-  while (std::fgets(line, sizeof line, p)) {
-    const char* at = std::strstr(line, key.c_str());
-    if (at) value = std::strtod(at + key.size(), nullptr);
-  }
-  pclose(p);
-  return value;
-}
+using vrxtest::onPath;
+using vrxtest::valueAfter;
 
 // glpsol's report names the objective row: "Objective:  OBJ = -464.75 (MINimum)".
 double glpsolObjective(const std::string& options, const std::string& file, const std::string& out) {
@@ -60,21 +45,7 @@ double glpsolObjective(const std::string& options, const std::string& file, cons
   return value;
 }
 
-std::map<std::string, double> reference() {
-  std::map<std::string, double> ref;
-  std::ifstream in(std::string(VRX_SHARED_DATA) + "/reference.csv");
-  std::string line;
-  std::getline(in, line);
-  while (std::getline(in, line)) {
-    std::vector<std::string> f;
-    std::stringstream ss(line);
-    std::string cell;
-    while (std::getline(ss, cell, ',')) f.push_back(cell);
-    if (f.size() >= 6 && f[1] == "netlib" && f[5] == "optimal" && !f[4].empty())
-      ref[f[0]] = std::strtod(f[4].c_str(), nullptr);
-  }
-  return ref;
-}
+std::map<std::string, double> reference() { return vrxtest::referenceOptima("netlib"); }
 
 std::vector<std::string> allNetlib() {
   std::vector<std::string> names;

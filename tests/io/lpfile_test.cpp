@@ -25,6 +25,7 @@
 #include "model/namecheck.h"
 #include "model/result.h"
 #include "vornix_c.h"
+#include "../support/shared_data.h"
 
 namespace {
 
@@ -1040,42 +1041,10 @@ TEST_F(LpFile, WriteFailuresAndNoLeakOnFailedAllocations) {
   EXPECT_EQ(0, hooks.live);
 }
 
-// Optimal objective of a solver's run on an LP file we wrote, or NAN.
-double runSolver(const std::string& cmd, const std::string& key) {
-  FILE* p = popen(cmd.c_str(), "r");
-  if (!p) return NAN;
-  char line[1024];
-  double value = NAN;
-  while (std::fgets(line, sizeof line, p)) {
-    const char* at = std::strstr(line, key.c_str());
-    if (at) value = std::strtod(at + key.size(), nullptr);
-  }
-  pclose(p);
-  return value;
-}
-
-bool onPath(const char* program) {
-  std::string cmd = std::string("command -v ") + program + " >/dev/null 2>&1";
-  return std::system(cmd.c_str()) == 0;
-}
-
-std::map<std::string, double> referenceObjectives() {
-  std::map<std::string, double> ref;
-  std::ifstream in(std::string(VRX_SHARED_DATA) + "/reference.csv");
-  std::string line;
-  std::getline(in, line);
-  while (std::getline(in, line)) {
-    std::vector<std::string> f;
-    std::stringstream ss(line);
-    std::string cell;
-    while (std::getline(ss, cell, ',')) f.push_back(cell);
-    if (f.size() >= 6 && f[5] == "optimal" && !f[4].empty()) ref[f[0]] = std::strtod(f[4].c_str(), nullptr);
-  }
-  return ref;
-}
+std::map<std::string, double> referenceObjectives() { return vrxtest::referenceOptima(""); }
 
 TEST_F(LpFile, OtherSolversReadOurFilesToTheReferenceOptimum) {
-  const bool glpk = onPath("glpsol"), coin = onPath("clp");
+  const bool glpk = vrxtest::onPath("glpsol"), coin = vrxtest::onPath("clp");
   if (!glpk && !coin) GTEST_SKIP() << "neither glpsol nor clp is installed";
   std::map<std::string, double> ref = referenceObjectives();
   // glpsol takes no name that starts with a digit or a period: these models
@@ -1099,13 +1068,13 @@ TEST_F(LpFile, OtherSolversReadOurFilesToTheReferenceOptimum) {
       const double tol = 1e-6 * std::max(1.0, std::fabs(want));
       if (glpk && pass == 0) {
         std::string sol = dir + "/" + name + ".glpk";
-        double got = runSolver("glpsol --lp " + out + " -o " + sol + " >/dev/null 2>&1; cat " + sol,
+        double got = vrxtest::valueAfter("glpsol --lp " + out + " -o " + sol + " >/dev/null 2>&1; cat " + sol,
                                "Objective:  obj = ");
         EXPECT_NEAR(want, got, tol) << "glpsol";
         ++solved;
       }
       if (coin) {
-        double got = runSolver("clp " + out + " -solve 2>&1", "Optimal objective ");
+        double got = vrxtest::valueAfter("clp " + out + " -solve 2>&1", "Optimal objective ");
         EXPECT_NEAR(want, got, tol) << "clp";
         ++solved;
       }
