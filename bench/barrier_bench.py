@@ -22,7 +22,8 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
 sys.path.insert(0, HERE)
 
-from lp_bench import load_reference, objective_ok, parse_clp, run, shifted_geomean  # noqa: E402
+from lp_bench import (add_common_args, load_reference, model_files, objective_ok, parse_clp, run,  # noqa: E402
+                      shifted_geomean)
 
 
 def parse_vornix_barrier(text):
@@ -44,23 +45,14 @@ def parse_vornix_barrier(text):
 
 def main():
     ap = argparse.ArgumentParser()
-    ap.add_argument("--dir", default=os.path.join(ROOT, "..", "shared", "data", "netlib"))
-    ap.add_argument("--reference", default=os.path.join(ROOT, "..", "shared", "data", "reference.csv"))
-    ap.add_argument("--timelimit", type=float, default=300)
-    ap.add_argument("--vornix", default=os.path.join(ROOT, "build", "tools", "vornix_cl"))
+    add_common_args(ap, "barrier_bench")
     ap.add_argument("--presolve", default="-1")
     ap.add_argument("--crossover", action="store_true")
-    ap.add_argument("--vornix-args", default="")
-    ap.add_argument("--clp-args", default="")
-    ap.add_argument("--out", default=os.path.join(ROOT, "build", "barrier_bench"))
-    ap.add_argument("--filter", default="")
     args = ap.parse_args()
 
     ref = load_reference(args.reference)
     clp = shutil.which("clp")
-    files = sorted(f for f in os.listdir(args.dir) if re.search(r"\.(mps|qps)(\.gz|\.bz2)?$", f))
-    if args.filter:
-        files = [f for f in files if re.search(args.filter, f)]
+    files = model_files(args)
     rows = []
     print(f"{'model':<12} {'vornix s':>9} {'iters':>6} {'status':>12}   {'clp s':>9} {'status':>12}   ratio")
     for f in files:

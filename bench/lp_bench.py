@@ -127,23 +127,34 @@ def plot(rows, prefix):
     print(f"plot: {png}")
 
 
-def main():
-    ap = argparse.ArgumentParser()
+def add_common_args(ap, out_name):
+    """The options every side-by-side benchmark takes."""
     ap.add_argument("--dir", default=os.path.join(ROOT, "..", "shared", "data", "netlib"))
     ap.add_argument("--reference", default=os.path.join(ROOT, "..", "shared", "data", "reference.csv"))
     ap.add_argument("--timelimit", type=float, default=300)
     ap.add_argument("--vornix", default=os.path.join(ROOT, "build", "tools", "vornix_cl"))
     ap.add_argument("--vornix-args", default="")
     ap.add_argument("--clp-args", default="")
-    ap.add_argument("--out", default=os.path.join(ROOT, "build", "lp_bench"))
+    ap.add_argument("--out", default=os.path.join(ROOT, "build", out_name))
     ap.add_argument("--filter", default="")
+
+
+def model_files(args):
+    """The model files of --dir that match --filter, sorted."""
+    files = sorted(f for f in os.listdir(args.dir) if re.search(r"\.(mps|qps)(\.gz|\.bz2)?$", f))
+    if args.filter:
+        files = [f for f in files if re.search(args.filter, f)]
+    return files
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    add_common_args(ap, "lp_bench")
     args = ap.parse_args()
 
     ref = load_reference(args.reference)
     clp = shutil.which("clp")
-    files = sorted(f for f in os.listdir(args.dir) if re.search(r"\.(mps|qps)(\.gz|\.bz2)?$", f))
-    if args.filter:
-        files = [f for f in files if re.search(args.filter, f)]
+    files = model_files(args)
     rows = []
     print(f"{'model':<12} {'vornix s':>9} {'iters':>7} {'status':>11}   {'clp s':>9} {'iters':>7} {'status':>11}")
     for f in files:

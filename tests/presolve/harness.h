@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cmath>
 #include <fstream>
+#include <initializer_list>
 #include <map>
 #include <sstream>
 #include <string>
@@ -196,6 +197,40 @@ inline Quality measure(const VRXmodeldata* d, const Result& r) {
 inline std::map<std::string, double> reference(const std::string& set) {
   return vrxtest::referenceObjectives(set);
 }
+
+// A map over n original columns and m rows, all of them kept (bounds 0..10), with
+// records pushed by hand.
+struct HandMap {
+  VRXpresolvemap* map;
+  HandMap(VRXenv* env, int n, int m) {
+    map = static_cast<VRXpresolvemap*>(vrx::envCalloc(env, 1, sizeof(VRXpresolvemap)));
+    map->env = env;
+    map->undoCount = -1;
+    map->origCols = map->preCols = n;
+    map->origRows = map->preRows = m;
+    map->colMap = vrx::envAllocArray<int>(env, n + 1);
+    map->rowMap = vrx::envAllocArray<int>(env, m + 1);
+    map->rowNeg = vrx::envCallocArray<char>(env, m + 1);
+    map->origLb = vrx::envAllocArray<double>(env, n + 1);
+    map->origUb = vrx::envAllocArray<double>(env, n + 1);
+    for (int j = 0; j < n; ++j) {
+      map->colMap[j] = j;
+      map->origLb[j] = 0;
+      map->origUb[j] = 10;
+    }
+    for (int i = 0; i < m; ++i) map->rowMap[i] = i;
+  }
+  ~HandMap() { vrx::presolveMapFree(map); }
+  HandMap(const HandMap&) = delete;
+  HandMap& operator=(const HandMap&) = delete;
+  void push(int kind, std::initializer_list<int> ints, std::initializer_list<double> dbls) {
+    VRXundo* u = vrx::undoPush(map->env, map->undo, kind, static_cast<int>(ints.size()), static_cast<int>(dbls.size()));
+    int k = 0;
+    for (int v : ints) vrx::undoInts(u)[k++] = v;
+    k = 0;
+    for (double v : dbls) vrx::undoDbls(u)[k++] = v;
+  }
+};
 
 inline bool closeTo(double a, double b, double rel = 1e-6) {
   return std::fabs(a - b) <= rel * std::max(1.0, std::fabs(b));

@@ -75,35 +75,9 @@ TEST(PresolveTwoRows, ImpliedFreeColumnIsRebasedAndFreed) {
   EXPECT_FALSE(has(dflt, vrx::UNDO_SCALECOL));
 }
 
-// A map over n kept columns with records pushed by hand.
-struct Hand {
-  VRXpresolvemap* map;
-  Hand(VRXenv* env, int n, int m) {
-    map = static_cast<VRXpresolvemap*>(vrx::envCalloc(env, 1, sizeof(VRXpresolvemap)));
-    map->env = env;
-    map->undoCount = -1;
-    map->origCols = map->preCols = n;
-    map->origRows = map->preRows = m;
-    map->colMap = vrx::envAllocArray<int>(env, n + 1);
-    map->rowMap = vrx::envAllocArray<int>(env, m + 1);
-    map->rowNeg = vrx::envCallocArray<char>(env, m + 1);
-    map->origLb = vrx::envAllocArray<double>(env, n + 1);
-    map->origUb = vrx::envAllocArray<double>(env, n + 1);
-    for (int j = 0; j < n; ++j) {
-      map->colMap[j] = j;
-      map->origLb[j] = 0;
-      map->origUb[j] = 10;
-    }
-    for (int i = 0; i < m; ++i) map->rowMap[i] = i;
-  }
-  ~Hand() { vrx::presolveMapFree(map); }
-  void push(int kind, std::initializer_list<int> ints, std::initializer_list<double> dbls) {
-    VRXundo* u = vrx::undoPush(map->env, map->undo, kind, static_cast<int>(ints.size()), static_cast<int>(dbls.size()));
-    int k = 0;
-    for (int v : ints) vrx::undoInts(u)[k++] = v;
-    k = 0;
-    for (double v : dbls) vrx::undoDbls(u)[k++] = v;
-  }
+// The hand-made map with the crush read back in plain vectors.
+struct Hand : HandMap {
+  using HandMap::HandMap;
   std::vector<double> crush(std::vector<double> x, int* partial) {
     std::vector<double> out(x.size(), -7);
     EXPECT_EQ(0, vrx::crushStart(map, x.data(), out.data(), partial));

@@ -9,35 +9,9 @@ namespace {
 
 using namespace pretest;
 
-// A map over n original columns and m rows, all of them kept, with records pushed by hand.
-struct HandMap {
-  VRXpresolvemap* map;
-  HandMap(VRXenv* env, int n, int m) {
-    map = static_cast<VRXpresolvemap*>(vrx::envCalloc(env, 1, sizeof(VRXpresolvemap)));
-    map->env = env;
-    map->undoCount = -1;
-    map->origCols = map->preCols = n;
-    map->origRows = map->preRows = m;
-    map->colMap = vrx::envAllocArray<int>(env, n + 1);
-    map->rowMap = vrx::envAllocArray<int>(env, m + 1);
-    map->rowNeg = vrx::envCallocArray<char>(env, m + 1);
-    map->origLb = vrx::envAllocArray<double>(env, n + 1);
-    map->origUb = vrx::envAllocArray<double>(env, n + 1);
-    for (int j = 0; j < n; ++j) {
-      map->colMap[j] = j;
-      map->origLb[j] = 0;
-      map->origUb[j] = 10;
-    }
-    for (int i = 0; i < m; ++i) map->rowMap[i] = i;
-  }
-  ~HandMap() { vrx::presolveMapFree(map); }
-  void push(int kind, std::initializer_list<int> ints, std::initializer_list<double> dbls) {
-    VRXundo* u = vrx::undoPush(map->env, map->undo, kind, static_cast<int>(ints.size()), static_cast<int>(dbls.size()));
-    int k = 0;
-    for (int v : ints) vrx::undoInts(u)[k++] = v;
-    k = 0;
-    for (double v : dbls) vrx::undoDbls(u)[k++] = v;
-  }
+// The hand-made map with the walks read back in plain vectors.
+struct UndoMap : HandMap {
+  using HandMap::HandMap;
   std::vector<double> primal(std::vector<double> x) {
     std::vector<double> out(x.size());
     EXPECT_EQ(0, vrx::uncrushPrimal(map, x.data(), out.data(), static_cast<int>(x.size())));
@@ -49,14 +23,14 @@ TEST(PresolveUndo, PrimalWalksOfTheExpressionKinds) {
   Env e;
   {
     // 15: x0 = 1 + 2 x1 - x2.
-    HandMap h(e.env, 3, 0);
+    UndoMap h(e.env, 3, 0);
     h.push(vrx::UNDO_SINGLETONEXPR, {0, 2, 1, 2}, {1, 2, -1});
     auto x = h.primal({0, 3, 4});
     EXPECT_DOUBLE_EQ(3.0, x[0]);
   }
   {
     // 16: both positive lose their common part; a zero partner leaves them.
-    HandMap h(e.env, 4, 0);
+    UndoMap h(e.env, 4, 0);
     h.push(vrx::UNDO_COMPLEMENT, {0, 1}, {});
     h.push(vrx::UNDO_COMPLEMENT, {2, 3}, {});
     auto x = h.primal({0.75, 0.25, 1, 0});
@@ -66,31 +40,31 @@ TEST(PresolveUndo, PrimalWalksOfTheExpressionKinds) {
   }
   {
     // 3: x0 integer, the smallest of (7 - x1) / 2 and (9 - x2) / 1, and 5; rounded down.
-    HandMap h(e.env, 3, 0);
+    UndoMap h(e.env, 3, 0);
     h.push(vrx::UNDO_IMPLIEDCOL, {0, 0, 2, 1, 1, 1, 2}, {5, 7, 2, 1, 9, 1, 1});
     auto x = h.primal({0, 2, 3});  // (7-2)/2 = 2.5, 9-3 = 6: 2.5 down to 2
     EXPECT_DOUBLE_EQ(2.0, x[0]);
-    HandMap g(e.env, 3, 0);
+    UndoMap g(e.env, 3, 0);
     g.push(vrx::UNDO_IMPLIEDCOL, {0, 1, 2, 1, 1, 1, 2}, {-5, 7, 2, 1, 9, 1, 1});
     x = g.primal({0, 2, 3});  // largest of 2.5, 6, -5 is 6, up stays 6
     EXPECT_DOUBLE_EQ(6.0, x[0]);
   }
   {
     // 17, direction 0, mode 1: x0 falls to the rows' bound when above it; mode 0 leaves it.
-    HandMap h(e.env, 2, 0);
+    UndoMap h(e.env, 2, 0);
     h.push(vrx::UNDO_IMPLIEDCONT, {0, 2, 1, 1, 1}, {100, 8, 2, 1});  // bound (8 - x1) / 2
     auto x = h.primal({5, 2});
     EXPECT_DOUBLE_EQ(3.0, x[0]);
     x = h.primal({1, 2});
     EXPECT_DOUBLE_EQ(1.0, x[0]);
-    HandMap g(e.env, 2, 0);
+    UndoMap g(e.env, 2, 0);
     g.push(vrx::UNDO_IMPLIEDCONT, {0, 0, 1, 1, 1}, {100, 8, 2, 1});
     x = g.primal({5, 2});
     EXPECT_DOUBLE_EQ(5.0, x[0]);
   }
   {
     // 19: the block column 0 holds 7 = x1 + 2 x2 + x3, bounds [0,3] [0,1] [0,10]: filled in order.
-    HandMap h(e.env, 4, 0);
+    UndoMap h(e.env, 4, 0);
     h.push(vrx::UNDO_BLOCK, {0, 3, 1, 2, 3}, {1, 2, 1, 0, 0, 0, 3, 1, 10});
     auto x = h.primal({7, 0, 0, 0});
     EXPECT_DOUBLE_EQ(3.0, x[1]);
@@ -105,7 +79,7 @@ TEST(PresolveUndo, PrimalWalksOfTheExpressionKinds) {
   }
   {
     // 9 and 4 in one walk, newest first: x1 = 2 x1' + 1, then the merged column 0 splits.
-    HandMap h(e.env, 3, 0);
+    UndoMap h(e.env, 3, 0);
     h.map->colMap[2] = -2;
     h.push(vrx::UNDO_DUPCOL, {0, 2, 0}, {1.0, 0, 4, 0, 4});
     h.push(vrx::UNDO_SCALECOL, {1}, {1, 2});
@@ -125,7 +99,7 @@ TEST(PresolveUndo, PrimalWalksOfTheExpressionKinds) {
 
 TEST(PresolveUndo, DualWalkOfAQuadraticColumnAndTheImpliedColumnBasis) {
   Env e;
-  HandMap h(e.env, 3, 1);
+  UndoMap h(e.env, 3, 1);
   // 11: d0 += 2 x1 + 3 x2, status set; 3: column 1 takes the attaining row's slot.
   h.push(vrx::UNDO_IMPLIEDCOL, {1, 1, 1, 1, 2}, {-100, 6, 1, 1});  // x1 = 6 - x2
   h.push(vrx::UNDO_QCOL, {0, vrx::kStLower, 2, 1, 2}, {2, 3});
