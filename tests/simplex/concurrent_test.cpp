@@ -23,12 +23,7 @@ double referenceOf(const std::string& model) {
   return it == refs.end() ? NAN : it->second;
 }
 
-VRXmodel* readNetlib(VRXenv* env, const std::string& name) {
-  VRXmodel* m = nullptr;
-  std::string path = std::string(VRX_SHARED_DATA) + "/netlib/" + name + ".mps.gz";
-  EXPECT_EQ(0, VRXreadmodel(env, path.c_str(), &m)) << name;
-  return m;
-}
+using vrxtest::readNetlib;
 
 int stopAtOnce(VRXmodel* model, void*, int where, void*) {
   if (where == VRX_CB_POLLING || where == VRX_CB_SIMPLEX) VRXterminate(model);

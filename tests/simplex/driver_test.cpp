@@ -21,6 +21,7 @@
 #include "simplex/simplex.h"
 #include "vornix_c.h"
 #include "../support/quiet_env.h"
+#include "../support/shared_data.h"
 
 namespace {
 
@@ -32,12 +33,7 @@ struct Model {
   ~Model() { VRXfreemodel(m); }
 };
 
-VRXmodel* readNetlib(VRXenv* env, const std::string& name) {
-  VRXmodel* m = nullptr;
-  std::string path = std::string(VRX_SHARED_DATA) + "/netlib/" + name + ".mps.gz";
-  EXPECT_EQ(0, VRXreadmodel(env, path.c_str(), &m)) << name;
-  return m;
-}
+using vrxtest::readNetlib;
 
 // Infeasible LPs of different kinds: crossing rows, an equality against bounds, a free
 // column, a range of senses.

@@ -690,8 +690,7 @@ TEST(DualSimplex, WarmResolveAfterBoundChange) {
 
 // A Netlib model with its output silent.
 VRXmodel* readNetlib(VRXenv* env, const char* name) {
-  VRXmodel* m = nullptr;
-  EXPECT_EQ(0, VRXreadmodel(env, (std::string(VRX_SHARED_DATA) + "/netlib/" + name + ".mps.gz").c_str(), &m));
+  VRXmodel* m = vrxtest::readNetlib(env, name);
   if (m) VRXsetintparam(VRXgetenv(m), "OutputFlag", 0);
   return m;
 }

@@ -20,6 +20,7 @@
 #include "model/modeldata.h"
 #include "vornix_c.h"
 #include "../support/quiet_env.h"
+#include "../support/shared_data.h"
 
 namespace {
 
@@ -47,12 +48,7 @@ VRXmodel* load(VRXenv* env, const ModelDef& s) {
   return m;
 }
 
-VRXmodel* readNetlib(VRXenv* env, const char* name) {
-  VRXmodel* m = nullptr;
-  std::string path = std::string(VRX_SHARED_DATA) + "/netlib/" + name + ".mps.gz";
-  EXPECT_EQ(0, VRXreadmodel(env, path.c_str(), &m)) << path;
-  return m;
-}
+using vrxtest::readNetlib;
 
 // min x0 + x1 + 32 x1^2 over x0 <= 1; x1 has no matrix entry.
 VRXmodel* loadQp(VRXenv* env) {

@@ -25,6 +25,7 @@
 #include "model/modeldata.h"
 #include "simplex/simplex.h"
 #include "vornix_c.h"
+#include "../support/shared_data.h"
 
 namespace {
 
@@ -771,12 +772,7 @@ TEST(Primal, InfeasibleStart) {
 
 namespace {
 
-VRXmodel* readNetlib(VRXenv* env, const char* name) {
-  VRXmodel* m = nullptr;
-  std::string path = std::string(VRX_SHARED_DATA) + "/netlib/" + name + ".mps.gz";
-  EXPECT_EQ(0, VRXreadmodel(env, path.c_str(), &m)) << path;
-  return m;
-}
+using vrxtest::readNetlib;
 
 double referenceOf(const char* name) {
   for (auto& [n, v] : netlibReference())

@@ -11,6 +11,10 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "vornix_c.h"
+
 namespace vrxtest {
 
 // Column `column` of reference.csv (0 name, 1 set, 4 objective, 6 relaxation) for the
@@ -74,6 +78,14 @@ inline double valueAfter(const std::string& cmd, const std::string& key) {
 
 inline std::string sharedModelPath(const std::string& set, const std::string& name) {
   return std::string(VRX_SHARED_DATA) + "/" + set + "/" + name + ".mps.gz";
+}
+
+// Reads a shared Netlib model; null (with a test failure) when it does not read.
+inline VRXmodel* readNetlib(VRXenv* env, const std::string& name) {
+  VRXmodel* m = nullptr;
+  const std::string path = sharedModelPath("netlib", name);
+  EXPECT_EQ(0, VRXreadmodel(env, path.c_str(), &m)) << path;
+  return m;
 }
 
 }  // namespace vrxtest
