@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <type_traits>
 
 #include "simplex/primal_impl.h"
 
@@ -54,9 +55,10 @@ void fitStatus(Ctx<T>& c, int j) {
 
 }  // namespace
 
-template <>
-Ctx<double> makeCtx<double>(VRXlp* lp, Clock& clock) {
-  Ctx<double> c{};
+template <class T>
+Ctx<T> makeCtx(VRXlp* lp, Clock& clock) {
+  constexpr bool dbl = std::is_same<T, double>::value;
+  Ctx<T> c{};
   c.lp = lp;
   c.pp = lp->primal;
   c.env = lp->env;
@@ -65,14 +67,26 @@ Ctx<double> makeCtx<double>(VRXlp* lp, Clock& clock) {
   c.m = lp->m;
   c.nm = lp->n + lp->m;
   c.inf = lp->infBound;
-  c.x = lp->Bbar;
-  c.d = lp->Cbar;
-  c.col = &lp->alphaCol;
-  c.row = &lp->alphaRow;
-  c.rho = &lp->rho;
-  c.s1 = &lp->scratch1;
-  c.s2 = &lp->scratch2;
-  c.f = lp->factor;
+  // The record keeps one set of work vectors per arithmetic.
+  if constexpr (dbl) {
+    c.x = lp->Bbar;
+    c.d = lp->Cbar;
+    c.col = &lp->alphaCol;
+    c.row = &lp->alphaRow;
+    c.rho = &lp->rho;
+    c.s1 = &lp->scratch1;
+    c.s2 = &lp->scratch2;
+    c.f = lp->factor;
+  } else {
+    c.x = lp->BbarQ;
+    c.d = lp->CbarQ;
+    c.col = &lp->alphaColQ;
+    c.row = &lp->alphaRowQ;
+    c.rho = &lp->rhoQ;
+    c.s1 = &lp->scratch1Q;
+    c.s2 = &lp->scratch2Q;
+    c.f = lp->factorQ;
+  }
   c.A = lpFactorMatrix(lp);
   c.y = static_cast<decltype(c.y)>(c.pp->yWork);
   c.q = -1;
@@ -80,31 +94,8 @@ Ctx<double> makeCtx<double>(VRXlp* lp, Clock& clock) {
   return c;
 }
 
-template <>
-Ctx<long double> makeCtx<long double>(VRXlp* lp, Clock& clock) {
-  Ctx<long double> c{};
-  c.lp = lp;
-  c.pp = lp->primal;
-  c.env = lp->env;
-  c.clock = &clock;
-  c.n = lp->n;
-  c.m = lp->m;
-  c.nm = lp->n + lp->m;
-  c.inf = lp->infBound;
-  c.x = lp->BbarQ;
-  c.d = lp->CbarQ;
-  c.col = &lp->alphaColQ;
-  c.row = &lp->alphaRowQ;
-  c.rho = &lp->rhoQ;
-  c.s1 = &lp->scratch1Q;
-  c.s2 = &lp->scratch2Q;
-  c.f = lp->factorQ;
-  c.A = lpFactorMatrix(lp);
-  c.y = static_cast<decltype(c.y)>(c.pp->yWork);
-  c.q = -1;
-  c.r = -1;
-  return c;
-}
+template Ctx<double> makeCtx<double>(VRXlp*, Clock&);
+template Ctx<long double> makeCtx<long double>(VRXlp*, Clock&);
 
 template <class T>
 void makeSparse(VRXsvecT<T>* v, int dim) {
