@@ -5,7 +5,8 @@ Single-threaded. Prints per-model time, barrier iterations and status for both,
 checks each objective against reference.csv, and reports the ratio of shifted
 geometric means of the times (shift 10 ms). By default vornix runs without
 crossover (Crossover=0) and clp with its own defaults (barrier, then crossover);
---crossover runs vornix with crossover too.
+--crossover runs vornix with crossover too. With --presolve 0, clp runs with
+-presolve off as well unless --clp-args says otherwise.
 
   bench/barrier_bench.py [--dir DIR] [--timelimit S] [--presolve 0|1|-1]
                          [--crossover] [--vornix-args "..."] [--clp-args "..."]
@@ -51,6 +52,8 @@ def main():
     args = ap.parse_args()
 
     ref = load_reference(args.reference)
+    if args.presolve == "0" and "-presolve" not in args.clp_args:
+        args.clp_args += " -presolve off"
     clp = shutil.which("clp")
     files = model_files(args)
     rows = []

@@ -81,6 +81,7 @@ struct VRXbar {
   double *rp, *rd, *ru, *r1, *rhs, *rhs2, *dy2, *dx2, *g, *rxz, *rtw, *tmp;
   double *cdx, *cdy, *cdz, *cdw, *cdt;  // a corrector's direction
   double *crxz, *crtw;                  // and its targets
+  double* dyc;                          // a correction of dy
   double rgap;
   double workPerIter;
 };

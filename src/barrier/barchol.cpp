@@ -159,6 +159,8 @@ int VRXbarOrder(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, VRXb
   const int m = A.m;
   const double t0 = wallClock();
   f->threads = std::max(1, opts.threads);
+  f->env = env;
+  f->denseGS = opts.denseGS;
   int rc = VRXbarDenseCols(env, A, opts, f);
   if (rc) return rc;
   envFree(env, f->perm);
@@ -209,6 +211,8 @@ int VRXbarOrder(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, VRXb
     f->denseRetry = 1;
     break;
   }
+  // In exact arithmetic the iteration ends after one step per dense column and one more.
+  f->solveIterLimit = 2 * f->denseCols + 10;
   rc = ndStage(env, A, opts, f->denseCols ? f->isDense : nullptr, wallClock() - t0, f->perm, &nz, &ops);
   if (rc) return rc;
   for (int j = 0; j < m; ++j) f->invPerm[f->perm[j]] = j;
@@ -409,9 +413,9 @@ int VRXbarSymbolic(VRXenv* env, const BarMatrix& A, VRXbarfactor* f) {
   f->update = envAllocArray<double>(env, static_cast<size_t>(upd) + 1);
   f->solveWork = envAllocArray<double>(env, static_cast<size_t>(maxRows) + sn + 1);
   f->maxRows = maxRows;
-  f->refineWork = envAllocArray<double>(env, 4 * sn + static_cast<size_t>(A.n) + f->denseCols + 2);
+  f->refineWork = envAllocArray<double>(env, 6 * sn + static_cast<size_t>(A.n) + f->denseCols + 2);
   if (!f->panelVal || !f->update || !f->solveWork || !f->refineWork) return VRX_ERROR_OUT_OF_MEMORY;
-  if (f->denseCols > 0) {
+  if (f->denseCols > 0 && !f->denseGS) {
     const size_t k = static_cast<size_t>(f->denseCols);
     f->denseW = envAllocArray<double>(env, k * sn);
     f->denseBlock = envAllocArray<double>(env, k * k + 1);
@@ -761,7 +765,7 @@ int VRXbarFactorize(VRXenv* env, const BarMatrix& A, const double* theta, double
   if (f->minPivot == 1e300) f->minPivot = 0;
   // Schur complement of the dense columns: S = I + V' M^-1 V with V = A_d theta_d^(1/2).
   const int kd = f->denseCols;
-  if (kd > 0) {
+  if (kd > 0 && !f->denseGS) {
     Scratch<double> v(env, static_cast<size_t>(n) + 1);
     if (!v.a) return VRX_ERROR_OUT_OF_MEMORY;
     for (int t = 0; t < kd; ++t) {
@@ -822,29 +826,89 @@ void solveOnce(const VRXbarfactor* f, const BarMatrix& A, const double* theta, c
   }
 }
 
-// r = rhs - (A diag(theta) A') x, over all columns.
-double residual(const BarMatrix& A, const double* theta, const double* rhs, const double* x, double* r,
+// out += sign (A diag(theta) A') x over all columns.
+void addProduct(const BarMatrix& A, const double* theta, const double* x, double sign, double* out,
                 double* colTmp) {
-  for (int i = 0; i < A.m; ++i) r[i] = rhs[i];
   for (int j = 0; j < A.n; ++j) {
     double s = 0;
     for (int64_t p = A.colBeg[j]; p < A.colBeg[j + 1]; ++p) s += A.val[p] * x[A.rowInd[p]];
-    colTmp[j] = s * theta[j];
+    colTmp[j] = sign * s * theta[j];
   }
   for (int j = 0; j < A.n; ++j) {
     const double s = colTmp[j];
     if (s == 0) continue;
-    for (int64_t p = A.colBeg[j]; p < A.colBeg[j + 1]; ++p) r[A.rowInd[p]] -= A.val[p] * s;
+    for (int64_t p = A.colBeg[j]; p < A.colBeg[j + 1]; ++p) out[A.rowInd[p]] += A.val[p] * s;
   }
+}
+
+// r = rhs - (A diag(theta) A') x; returns its largest entry.
+double residual(const BarMatrix& A, const double* theta, const double* rhs, const double* x, double* r,
+                double* colTmp) {
+  for (int i = 0; i < A.m; ++i) r[i] = rhs[i];
+  addProduct(A, theta, x, -1.0, r, colTmp);
   double mx = 0;
   for (int i = 0; i < A.m; ++i) mx = std::max(mx, std::fabs(r[i]));
   return mx;
+}
+
+double norm2(const double* v, int n) {
+  double s = 0;
+  for (int i = 0; i < n; ++i) s += v[i] * v[i];
+  return std::sqrt(s);
+}
+
+// The whole matrix, dense columns included, by conjugate gradients with the
+// sparse factor as the preconditioner: the dense columns add a term of rank
+// denseCols, so the iteration needs about that many steps.
+void conjugateGradients(const VRXbarfactor* f, const BarMatrix& A, const double* theta, const double* rhs, double* x) {
+  const int n = f->n;
+  double* r = f->refineWork + f->denseCols + 1;
+  double* z = r + n + 1;
+  double* b = z + n + 1;
+  double* p = b + n + 1;
+  double* q = p + n + 1;
+  double* colTmp = q + n + 1;
+  const bool verbose = f->env && f->env->par.OutputFlag > 2;
+  std::memcpy(b, rhs, sizeof(double) * static_cast<size_t>(n));
+  solveOriginal(f, b, x);
+  residual(A, theta, b, x, r, colTmp);
+  double rn = norm2(r, n);
+  const double stop = 1e-14 * norm2(b, n);
+  if (verbose) log(f->env, "Go r norm %.4e\n", rn);
+  solveOriginal(f, r, z);
+  std::memcpy(p, z, sizeof(double) * static_cast<size_t>(n));
+  double rz = 0;
+  for (int i = 0; i < n; ++i) rz += r[i] * z[i];
+  for (int step = 0; step < f->solveIterLimit && rn > stop && rz > 0; ++step) {
+    std::fill(q, q + n, 0.0);
+    addProduct(A, theta, p, 1.0, q, colTmp);
+    double pq = 0;
+    for (int i = 0; i < n; ++i) pq += p[i] * q[i];
+    if (!(pq > 0)) break;
+    const double alpha = rz / pq;
+    for (int i = 0; i < n; ++i) {
+      x[i] += alpha * p[i];
+      r[i] -= alpha * q[i];
+    }
+    rn = norm2(r, n);
+    if (verbose) log(f->env, "r norm %.4e\n", rn);
+    solveOriginal(f, r, z);
+    double rzNew = 0;
+    for (int i = 0; i < n; ++i) rzNew += r[i] * z[i];
+    const double beta = rzNew / rz;
+    rz = rzNew;
+    for (int i = 0; i < n; ++i) p[i] = z[i] + beta * p[i];
+  }
 }
 
 }  // namespace
 
 void VRXbarSolve(const VRXbarfactor* f, const BarMatrix& A, const double* theta, const double* rhs, double* x) {
   const int n = f->n, kd = f->denseCols;
+  if (kd > 0 && f->denseGS) {
+    conjugateGradients(f, A, theta, rhs, x);
+    return;
+  }
   double* t = f->refineWork;
   double* r = t + kd + 1;
   double* dx = r + n + 1;

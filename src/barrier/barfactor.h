@@ -74,6 +74,11 @@ struct VRXbarfactor {
   int maxRows;
   double minPivot;
   int denseRetry;
+  // Dense columns by conjugate gradients on the sparse factor instead of the
+  // Schur block; the iteration stops after solveIterLimit steps.
+  int denseGS;
+  int solveIterLimit;
+  VRXenv* env;  // for the log of those steps
   // Assembly of A diag(theta) A' into the panels, fixed by the symbolic factor:
   // each sparse column of A lists its entries in factor order (asmIdx, from
   // asmBeg) and then, for every pair of them, the panel slot it adds to
@@ -104,8 +109,10 @@ namespace vrx {
 struct BarFactorOpts {
   int denseSep = -1;      // VORN_PAR_BARDENSESEP
   int denseThresh = -1;   // VORN_PAR_BARDENSETHRESH
+  int denseGS = 0;        // VORN_PAR_BARDENSEGS
   int order = -1;         // BarOrder
-  int threads = 1;         // bound on the ordering copies
+  int threads = 1;         // threads the ordering copies may use
+  int cores = 1;           // processors of the machine: bound on the number of copies
   int seed = 0;            // Seed
   int displayInterval = 5; // DisplayInterval
   bool log = false;        // the elapsed-time lines of a long ordering

@@ -111,6 +111,37 @@ struct Targets {
   double eta;
 };
 
+// With theta over many orders, the normal equations hold to digits of their
+// large right-hand side only, and A dx misses its target eta rp + b dtau by more
+// than the primal residual left to remove. One solve on the small miss puts dx
+// back on it, and dx = theta (A'dy - r) still holds. The homogeneous form needs
+// it as much: without it the primal residual stalls where x grows large.
+void primalCorrect(VRXbar* bar, double eta, double dtau, double* dx, double* dy) {
+  const int m = bar->rows, N = bar->cols;
+  double* e = bar->rhs;
+  double rMax = 0, eMax = 0;
+  for (int i = 0; i < m; ++i) {
+    e[i] = eta * bar->rp[i] + dtau * bar->b[i];
+    rMax = std::max(rMax, std::fabs(e[i]));
+  }
+  for (int j = 0; j < N; ++j) {
+    const double v = dx[j];
+    if (v == 0) continue;
+    for (int64_t p = bar->colBeg[j]; p < bar->colBeg[j + 1]; ++p) e[bar->rowInd[p]] -= bar->val[p] * v;
+  }
+  for (int i = 0; i < m; ++i) eMax = std::max(eMax, std::fabs(e[i]));
+  if (!(eMax > 1e-3 * rMax + 1e-300)) return;
+  double* dyc = bar->dyc;
+  normalSolve(bar, e, dyc);
+  for (int i = 0; i < m; ++i) dy[i] += dyc[i];
+  for (int j = 0; j < N; ++j) {
+    if (bar->kind[j] == 3) continue;
+    double aty = 0;
+    for (int64_t p = bar->colBeg[j]; p < bar->colBeg[j + 1]; ++p) aty += bar->val[p] * dyc[bar->rowInd[p]];
+    dx[j] += bar->D[j] * aty;
+  }
+}
+
 // One direction for the given targets; writes into the given arrays.
 void direction(VRXbar* bar, const Targets& tg, double* dx, double* dy, double* dz, double* dw, double* dt,
                double* dtauOut, double* dkappaOut) {
@@ -145,32 +176,6 @@ void direction(VRXbar* bar, const Targets& tg, double* dx, double* dy, double* d
     for (int64_t p = bar->colBeg[j]; p < bar->colBeg[j + 1]; ++p) aty += bar->val[p] * dy[bar->rowInd[p]];
     dx[j] = bar->D[j] * (aty - r1[j]);
   }
-  if (!bar->homogeneous) {
-    // With theta over many orders, the normal equations hold to digits of their
-    // large right-hand side only, and A dx misses eta rp by more than the primal
-    // residual left to remove. One solve on the small miss puts dx back on it.
-    double* e = bar->rhs;
-    double* dyc = bar->rhs2;
-    double eMax = 0, rMax = 0;
-    for (int i = 0; i < m; ++i) e[i] = eta * bar->rp[i];
-    for (int i = 0; i < m; ++i) rMax = std::max(rMax, std::fabs(e[i]));
-    for (int j = 0; j < N; ++j) {
-      const double v = dx[j];
-      if (v == 0) continue;
-      for (int64_t p = bar->colBeg[j]; p < bar->colBeg[j + 1]; ++p) e[bar->rowInd[p]] -= bar->val[p] * v;
-    }
-    for (int i = 0; i < m; ++i) eMax = std::max(eMax, std::fabs(e[i]));
-    if (eMax > 1e-3 * rMax + 1e-300) {
-      normalSolve(bar, e, dyc);
-      for (int i = 0; i < m; ++i) dy[i] += dyc[i];
-      for (int j = 0; j < N; ++j) {
-        if (bar->kind[j] == 3) continue;
-        double aty = 0;
-        for (int64_t p = bar->colBeg[j]; p < bar->colBeg[j + 1]; ++p) aty += bar->val[p] * dyc[bar->rowInd[p]];
-        dx[j] += bar->D[j] * aty;
-      }
-    }
-  }
   double dtau = 0;
   if (bar->homogeneous) {
     // dtau from the gap equation, with the second solve done once per factor.
@@ -202,6 +207,7 @@ void direction(VRXbar* bar, const Targets& tg, double* dx, double* dy, double* d
   } else {
     *dkappaOut = 0;
   }
+  primalCorrect(bar, eta, dtau, dx, dy);
   *dtauOut = dtau;
   for (int j = 0; j < N; ++j) {
     const char k = bar->kind[j];
@@ -769,13 +775,14 @@ int iterate(VRXmodel* model, VRXbar* bar, Clock& clock, int* statusOut) {
       bar->step1 = bar->step2 = bar->step3 = 1;
       continue;
     }
-    // Residuals growing without bound: the homogeneous form decides.
+    // Residuals growing without bound: the homogeneous form decides. The test is
+    // on the residuals the step leaves and not on x, which may be large at a
+    // perfectly good point (a flow around a cycle with a small loss).
     if (par.BarHomogeneous == -1 && !bar->homogeneous) {
-      double xn = 0, yn = 0;
-      for (int j = 0; j < N; ++j) xn = std::max(xn, std::fabs(bar->x[j]));
-      for (int i = 0; i < m; ++i) yn = std::max(yn, std::fabs(bar->y[i]));
+      double pp = 0, pd = 0;
+      predictResiduals(bar, ap, ad, &pp, &pd);
       const double lim = k >= 10 ? 1e8 : 1e15;
-      if (xn > lim * std::max(1.0, bar->maxB) || yn > lim * std::max(1.0, bar->maxC)) {
+      if (pp > lim * std::max(1.0, bar->maxB) || pd > lim * std::max(1.0, bar->maxC)) {
         bar->homogeneous = 1;
         rc = VRXbarStart(bar, 1.0);
         if (rc) return rc;
@@ -822,8 +829,10 @@ int VRXbarrier(VRXmodel* model, Clock& clock, const BarRunOpts& opts, VRXbarsol*
   BarFactorOpts fo;
   fo.denseSep = par.VORN_PAR_BARDENSESEP;
   fo.denseThresh = par.VORN_PAR_BARDENSETHRESH;
+  fo.denseGS = par.VORN_PAR_BARDENSEGS;
   fo.order = par.BarOrder;
   fo.threads = par.Threads > 0 ? par.Threads : std::max(1, env->coreCount);
+  fo.cores = std::max(1, env->coreCount);
   fo.seed = par.Seed;
   fo.displayInterval = par.DisplayInterval;
   fo.log = true;

@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <new>
-#include <thread>
 
 #include "barrier/barfactor.h"
 #include "barrier/barwork.h"
@@ -236,10 +234,21 @@ struct NdCopy {
   int rc;
 };
 
-void runCopy(void* arg) {
-  auto* c = static_cast<NdCopy*>(arg);
+void runCopy(NdCopy* c) {
   c->rc = VRXbarND(c->env, c->n, c->xadj, c->adj, c->seed, c->perm, c->progress);
   if (!c->rc) c->rc = predictFactor(c->env, c->n, c->xadj, c->adj, c->perm, &c->nz, &c->ops);
+}
+
+struct NdRun {
+  NdCopy* copies;
+  int count;
+  int workers;
+};
+
+// Worker w runs copies w, w + workers, ...
+void runCopies(void* arg, int w) {
+  auto* r = static_cast<NdRun*>(arg);
+  for (int t = w; t < r->count; t += r->workers) runCopy(&r->copies[t]);
 }
 
 }  // namespace
@@ -249,9 +258,11 @@ int ndStage(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, const ch
   const int m = A.m;
   if (opts.order == 0 || m == 0) return 0;
   const double nnzA = static_cast<double>(A.colBeg[A.n]);
+  // The number of copies follows the machine and not Threads, which only
+  // bounds how many run at once: every thread count gives the same order.
   int k = 1;
   if (m >= 1000) {
-    const double want = std::min(2 * *nz / std::max(nnzA, 1.0), static_cast<double>(std::max(opts.threads, 1)));
+    const double want = std::min(2 * *nz / std::max(nnzA, 1.0), static_cast<double>(std::max(opts.cores, 1)));
     k = std::max(1, static_cast<int>(want));
   }
   const double u = k * amdSeconds / std::max(*ops, 1.0);
@@ -270,44 +281,17 @@ int ndStage(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, const ch
   if (xadj[m] == 0) return 0;
   Scratch<NdCopy> copies(env, static_cast<size_t>(k));
   Scratch<int> perms(env, static_cast<size_t>(k) * (static_cast<size_t>(m) + 1));
-  Scratch<void*> handles(env, static_cast<size_t>(k));
-  if (!copies.a || !perms.a || !handles.a) return VRX_ERROR_OUT_OF_MEMORY;
+  if (!copies.a || !perms.a) return VRX_ERROR_OUT_OF_MEMORY;
   NdProgress progress{wallClock(), static_cast<double>(opts.displayInterval), wallClock()};
   for (int t = 0; t < k; ++t) {
     copies.a[t] = NdCopy{env, m, xadj, adj, static_cast<uint64_t>(opts.seed) + t + 11,
                          perms.a + static_cast<size_t>(t) * (static_cast<size_t>(m) + 1),
                          t == 0 && opts.log ? &progress : nullptr, 0, 0, 0};
-    handles.a[t] = nullptr;
   }
-  // Copies above 0 on threads of their own, each writing its own slot only.
-  for (int t = 1; t < k; ++t) {
-    if (env->threadCreate) {
-      if (env->threadCreate(&handles.a[t], runCopy, &copies.a[t], env->sysUserData) != 0) handles.a[t] = nullptr;
-    } else {
-      void* mem = envMalloc(env, sizeof(std::thread));
-      std::thread* th = nullptr;
-      try {
-        if (mem) th = new (mem) std::thread(runCopy, &copies.a[t]);
-      } catch (...) {
-      }
-      if (!th) envFree(env, mem);
-      handles.a[t] = th;
-    }
-    // A thread that could not start runs here instead.
-    if (!handles.a[t]) runCopy(&copies.a[t]);
-  }
-  runCopy(&copies.a[0]);
-  for (int t = 1; t < k; ++t) {
-    if (!handles.a[t]) continue;
-    if (env->threadCreate) {
-      env->threadJoin(handles.a[t], env->sysUserData);
-    } else {
-      auto* th = static_cast<std::thread*>(handles.a[t]);
-      th->join();
-      th->~thread();
-      envFree(env, th);
-    }
-  }
+  // Each copy writes its own slot only.
+  NdRun run{copies.a, k, std::min(k, std::max(1, opts.threads))};
+  rc = barRunWorkers(env, run.workers, runCopies, &run);
+  if (rc) return rc;
   int best = -1;
   for (int t = 0; t < k; ++t) {
     if (copies.a[t].rc) return copies.a[t].rc;

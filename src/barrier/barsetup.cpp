@@ -117,7 +117,7 @@ int VRXbarSetup(VRXmodel* model, VRXbar* bar) {
                           &bar->r1, &bar->dx2, &bar->g, &bar->rxz, &bar->rtw, &bar->cdx, &bar->cdz, &bar->cdw,
                           &bar->cdt, &bar->crxz, &bar->crtw};
   double** rowArrays[] = {&bar->b, &bar->y, &bar->dy, &bar->by, &bar->rp, &bar->rhs, &bar->rhs2, &bar->dy2, &bar->tmp,
-                          &bar->cdy};
+                          &bar->cdy, &bar->dyc};
   const size_t nc = sizeof colArrays / sizeof colArrays[0], nr = sizeof rowArrays / sizeof rowArrays[0];
   double* cb = envCallocArray<double>(env, nc * sN);
   double* rb = envCallocArray<double>(env, nr * sm);

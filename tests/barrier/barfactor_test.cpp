@@ -174,7 +174,8 @@ TEST(BarFactor, RandomSparseSystemsMatchDenseSolves) {
   }
 }
 
-// A few long columns go through the Schur complement; the answer is the same.
+// A few long columns go through the Schur complement or conjugate gradients;
+// the answer is the same.
 TEST(BarFactor, DenseColumnsTakeTheSchurPath) {
   Env e;
   Sparse s = randomMatrix(200, 300, 3, 11, 4);
@@ -191,7 +192,27 @@ TEST(BarFactor, DenseColumnsTakeTheSchurPath) {
   std::vector<double> rhs(s.m), x(s.m);
   for (int i = 0; i < s.m; ++i) rhs[i] = 1.0 + (i % 7);
   vrx::VRXbarSolve(&F.f, s.view(), theta.data(), rhs.data(), x.data());
+  const std::vector<double> ref = denseSolve(s.product(theta), rhs);
+  EXPECT_LT(maxRelDiff(x, ref), 1e-9);
+
+  // Conjugate gradients in place of the Schur block: no block is built, and
+  // the answer is the same, also with theta over many orders and a second
+  // factor on the same pattern.
+  Factor C(e.env);
+  opts.denseGS = 1;
+  ASSERT_EQ(0, vrx::VRXbarOrder(e.env, s.view(), opts, &C.f, &nz, &ops));
+  EXPECT_EQ(4, C.f.denseCols);
+  ASSERT_EQ(0, vrx::VRXbarSymbolic(e.env, s.view(), &C.f));
+  ASSERT_EQ(0, vrx::VRXbarFactorize(e.env, s.view(), theta.data(), 0.0, &C.f));
+  EXPECT_EQ(nullptr, C.f.denseBlock);
+  std::fill(x.begin(), x.end(), 0.0);
+  vrx::VRXbarSolve(&C.f, s.view(), theta.data(), rhs.data(), x.data());
+  EXPECT_LT(maxRelDiff(x, ref), 1e-9);
+  for (int j = 0; j < s.n; ++j) theta[j] = std::ldexp(1.0, (j * 7) % 31 - 15);
+  ASSERT_EQ(0, vrx::VRXbarFactorize(e.env, s.view(), theta.data(), 0.0, &C.f));
+  vrx::VRXbarSolve(&C.f, s.view(), theta.data(), rhs.data(), x.data());
   EXPECT_LT(maxRelDiff(x, denseSolve(s.product(theta), rhs)), 1e-9);
+  opts.denseGS = 0;
 
   // Switched off, the same matrix has no dense set.
   Factor G(e.env);
