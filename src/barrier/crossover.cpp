@@ -7,7 +7,9 @@
 #include <cstring>
 
 #include "barrier/crossover_impl.h"
+#include "env/envvec.h"
 #include "model/modeldata.h"
+#include "presolve/guided.h"
 #include "presolve/lpbridge.h"
 #include "simplex/dual.h"
 
@@ -271,13 +273,100 @@ int cleanupMethod(const State& st) {
   return st.pinf + st.lp->feasTol > st.dinf ? 1 : 0;
 }
 
-}  // namespace
-}  // namespace cross
-}  // namespace vrx
+int crossoverOn(VRXmodel* model, const VRXbarsol* sol, int mode, Clock& clock, bool root, bool guided);
 
-int VRXcrossover(VRXmodel* model, const VRXbarsol* sol, int mode, vrx::Clock& clock, bool root) {
-  using namespace vrx;
-  using namespace vrx::cross;
+// The point carried into the reduced model as a barrier result of its own.
+VRXbarsol* reducedPoint(VRXenv* env, const GuidedOut& g, const VRXbarsol* sol) {
+  const VRXmodeldata* rd = g.presolved->data;
+  const int pn = rd->numVars, pm = rd->numConstrs;
+  VRXbarsol* in = barsolCreate(env, pn, pm);
+  if (!in) return nullptr;
+  std::memcpy(in->x, g.x, sizeof(double) * static_cast<size_t>(pn));
+  std::memcpy(in->rc, g.d, sizeof(double) * static_cast<size_t>(pn));
+  std::memcpy(in->pi, g.y, sizeof(double) * static_cast<size_t>(pm));
+  std::memcpy(in->slack, rd->rhs, sizeof(double) * static_cast<size_t>(pm));
+  double obj = rd->objCon;
+  for (int j = 0; j < pn; j++) {
+    obj += rd->obj[j] * g.x[j];
+    for (int64_t k = rd->colBeg[j], e = k + rd->colLen[j]; k < e; k++) in->slack[rd->rowInd[k]] -= rd->val[k] * g.x[j];
+  }
+  in->status = sol->status;
+  in->iterCount = sol->iterCount;
+  in->doubtful = sol->doubtful;
+  in->pObj = obj;
+  in->dObj = obj + (sol->dObj - sol->pObj);
+  in->pinf = sol->pinf;
+  in->dinf = sol->dinf;
+  in->compl_ = sol->compl_;
+  return in;
+}
+
+// The guided re-presolve: crossover on the model reduced by what the point supports, its
+// basis walked back and cleaned up by the simplex on model. *done when model->lp holds the
+// answer; on any failure short of memory the caller goes on without it.
+int guidedCrossover(VRXmodel* model, const VRXbarsol* sol, int mode, Clock& clock, bool root, bool* done) {
+  *done = false;
+  VRXenv* env = model->env;
+  // The inner run and the clean-up move MarkowitzTol: back to its saved value on the way out.
+  ParamGuard guard(env);
+  struct Own {
+    VRXenv* env;
+    GuidedOut g{};
+    VRXbarsol* inner = nullptr;
+    ~Own() {
+      if (g.presolved) VRXlpFreeOnModel(g.presolved);
+      barsolFree(env, inner);
+      guidedFree(env, &g);
+    }
+  } own{env};
+  const VRXmodeldata* d = model->data;
+  const int n = d->numVars, m = d->numConstrs;
+  // The reduced costs follow from the duals, as the pushes take them.
+  vrx::Scratch<double> dj(env, n + 1);
+  if (!dj.a) return VRX_ERROR_OUT_OF_MEMORY;
+  for (int j = 0; j < n; j++) {
+    double v = d->obj[j];
+    for (int64_t k = d->colBeg[j], e = k + d->colLen[j]; k < e; k++) v -= d->val[k] * sol->pi[d->rowInd[k]];
+    dj.a[j] = v;
+  }
+  int rc = presolveGuided(model, sol->x, sol->pi, dj.a, nullptr, &clock.work, &own.g);
+  if (rc || own.g.status != 0) return rc;
+  VRXmodel* red = own.g.presolved;
+  const int pn = red->data->numVars, pm = red->data->numConstrs;
+  vrx::Scratch<double> px(env, pn + 1), pd(env, pn + 1), py(env, pm + 1);
+  vrx::Scratch<int> pcs(env, pn + 1), prs(env, pm + 1), cs(env, n + 1), rs(env, m + 1);
+  if (!px.a || !pd.a || !py.a || !pcs.a || !prs.a || !cs.a || !rs.a) return VRX_ERROR_OUT_OF_MEMORY;
+  LPPoint pp{px.a, py.a, pd.a, pcs.a, prs.a};
+  double innerIters = 0;
+  // When the reductions took everything, the walk back alone gives the basis.
+  if (pn + pm > 0) {
+    own.inner = reducedPoint(env, own.g, sol);
+    if (!own.inner) return VRX_ERROR_OUT_OF_MEMORY;
+    rc = crossoverOn(red, own.inner, mode, clock, root, false);
+    if (rc == VRX_ERROR_OUT_OF_MEMORY) return rc;
+    auto* plp = static_cast<VRXlp*>(red->lp);
+    if (rc || !plp || plp->status != VRX_OPTIMAL) return 0;
+    if ((rc = lpReadPoint(plp, pp))) return rc;
+    innerIters = plp->priorIter + plp->iterCount;
+    VRXlpFreeOnModel(red);
+  }
+  LPPoint op{nullptr, nullptr, nullptr, cs.a, rs.a};
+  if ((rc = uncrushLP(own.g.map, pp, op))) return rc;
+  double extra = 0;
+  VRXlpFreeOnModel(model);
+  rc = lpCleanupFrom(model, 0, cs.a, rs.a, innerIters, "after uncrush", clock, &extra);
+  if (rc == VRX_ERROR_OUT_OF_MEMORY) return rc;
+  auto* lp = static_cast<VRXlp*>(model->lp);
+  if (rc || extra < 0 || !lp || lp->status != VRX_OPTIMAL) {
+    VRXlpFreeOnModel(model);
+    return 0;
+  }
+  model->status = lp->status;
+  *done = true;
+  return 0;
+}
+
+int crossoverOn(VRXmodel* model, const VRXbarsol* sol, int mode, Clock& clock, bool root, bool guided) {
   VRXenv* env = model->env;
   // Cutoff, time limit and interruption, of the model or of the barrier run: nothing to do.
   const int ms = model->status;
@@ -293,8 +382,17 @@ int VRXcrossover(VRXmodel* model, const VRXbarsol* sol, int mode, vrx::Clock& cl
   if (!data || sol->n != data->numVars || sol->m != data->numConstrs)
     return raise(env, VRX_ERROR_INVALID_ARGUMENT, true, "Barrier solution does not match the model");
 
-  ParamGuard guard(env);
   ParamStore& par = env->par;
+  if (guided && sol->status == VRX_OPTIMAL && par.Presolve != 0 && par.DualReductions && par.VORN_PAR_GUIDEDPRE) {
+    bool done = false;
+    const int grc = guidedCrossover(model, sol, mode, clock, root, &done);
+    if (grc || done) {
+      if (grc == VRX_ERROR_OUT_OF_MEMORY) model->status = grc;
+      return grc;
+    }
+  }
+
+  ParamGuard guard(env);
   par.MarkowitzTol = std::max(par.MarkowitzTol, sol->doubtful ? 0.5 : 0.1);
   par.PerturbValue = std::min(par.PerturbValue, 1e-6);
 
@@ -391,4 +489,12 @@ int VRXcrossover(VRXmodel* model, const VRXbarsol* sol, int mode, vrx::Clock& cl
   model->status = lp->status;
   if (rc == VRX_ERROR_OUT_OF_MEMORY) model->status = rc;
   return rc;
+}
+
+}  // namespace
+}  // namespace cross
+}  // namespace vrx
+
+int VRXcrossover(VRXmodel* model, const VRXbarsol* sol, int mode, vrx::Clock& clock, bool root) {
+  return vrx::cross::crossoverOn(model, sol, mode, clock, root, true);
 }

@@ -18,6 +18,11 @@
 // was: a model status of 6, 9 or 11 on entry, and no barrier result (sol null) with
 // a status other than 12. With no result and status 12, or a barrier objective gap
 // above half the objective, the dual simplex solves the model instead.
+// With an optimal barrier status, Presolve and DualReductions on and VORN_PAR_GUIDEDPRE
+// set, the crossover first runs on the model reduced by what the point supports (see
+// presolve/guided.h); its basis walked back is cleaned up by the primal simplex on model,
+// lp->priorIter then holding the inner run's iterations. When that does not end optimal,
+// the crossover goes on as without it.
 // Returns 0 or an error (10001: out of memory, model->status 10001).
 int VRXcrossover(VRXmodel* model, const VRXbarsol* sol, int mode, vrx::Clock& clock,
                  bool root = true);

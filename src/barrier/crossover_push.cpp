@@ -551,6 +551,39 @@ int measure(State& st) {
   return 0;
 }
 
+// The push list in order, then once more the pushes skipped for a small pivot, after a
+// fresh factor. one(j, retry, &skipped) pushes one target; progress(left) logs.
+// *stopped when numeric trouble or a limit ended the list early.
+template <class T, class One, class Progress>
+int pushTargets(State& st, int cnt, bool withDual, One one, Progress progress, bool* stopped) {
+  *stopped = false;
+  int deferred = 0;
+  for (int pass = 0; pass < 2; pass++) {
+    const bool retry = pass == 1;
+    int todo = cnt;
+    if (retry) {
+      if (deferred == 0) break;
+      std::copy(st.deferred, st.deferred + deferred, st.targets);
+      todo = deferred;
+      int rc = refresh<T>(st, withDual);
+      if (rc) return rc;
+    }
+    for (int t = 0; t < todo; t++) {
+      if (st.pushFailed || limitReached(st)) {
+        *stopped = true;
+        return 0;
+      }
+      const int j = st.targets[t];
+      bool skipped = false;
+      int rc = one(j, retry, &skipped);
+      if (rc) return rc;
+      if (skipped) st.deferred[deferred++] = j;
+      if (logDue(st, t, todo)) progress(todo - t - 1);
+    }
+  }
+  return 0;
+}
+
 template <class T>
 int VRXcrossPushDual(State& st, int phase, int* found) {
   (void)phase;
@@ -571,31 +604,15 @@ int VRXcrossPushDual(State& st, int phase, int* found) {
   if (cnt == 0) return 0;
   sortByKey(st.targets, cnt, st.key);
   VRXcrossLog(lp, kLogDual, cnt, dualInfeas<T>(st), 0, *st.clock);
-  int deferred = 0;
-  for (int pass = 0; pass < 2; pass++) {
-    const bool retry = pass == 1;
-    int todo = cnt;
-    if (retry) {
-      if (deferred == 0) break;
-      // The small pivots get their chance after a fresh factor.
-      std::copy(st.deferred, st.deferred + deferred, st.targets);
-      todo = deferred;
-      int rc = refresh<T>(st, true);
-      if (rc) return rc;
-    }
-    for (int t = 0; t < todo; t++) {
-      if (st.pushFailed || limitReached(st)) return 0;
-      const int j = st.targets[t];
-      const int r = lp->varStat[j];
-      if (r < 0) continue;
-      bool skipped = false;
-      int rc = pushDualOne<T>(st, j, r, retry, &skipped);
-      if (rc) return rc;
-      if (skipped) st.deferred[deferred++] = j;
-      if (logDue(st, t, todo)) VRXcrossLog(lp, kLogDual, todo - t - 1, dualInfeas<T>(st), 0, *st.clock);
-    }
-  }
-  VRXcrossLog(lp, kLogDual, 0, dualInfeas<T>(st), 0, *st.clock);
+  auto one = [&](int j, bool retry, bool* skipped) {
+    const int r = lp->varStat[j];
+    return r < 0 ? 0 : pushDualOne<T>(st, j, r, retry, skipped);
+  };
+  auto progress = [&](int left) { VRXcrossLog(lp, kLogDual, left, dualInfeas<T>(st), 0, *st.clock); };
+  bool stopped = false;
+  int rc = pushTargets<T>(st, cnt, true, one, progress, &stopped);
+  if (rc || stopped) return rc;
+  progress(0);
   return 0;
 }
 
@@ -621,37 +638,25 @@ int VRXcrossPushPrimal(State& st, int phase, int* found) {
   sortByKey(st.targets, cnt, st.key);
   if (st.addedToBasis > 0 && phase >= 1) VRXcrossLog(lp, kLogAdded, st.addedToBasis, 0, 0, *st.clock);
   VRXcrossLog(lp, kLogPrimal, cnt, primalInfeas<T>(st), 0, *st.clock);
-  int deferred = 0;
   bool freeLogged = false;
   st.freeLeft = 0;
-  for (int pass = 0; pass < 2; pass++) {
-    const bool retry = pass == 1;
-    int todo = cnt;
-    if (retry) {
-      if (deferred == 0) break;
-      std::copy(st.deferred, st.deferred + deferred, st.targets);
-      todo = deferred;
-      int rc = refresh<T>(st, false);
-      if (rc) return rc;
+  auto one = [&](int k, bool retry, bool* skipped) {
+    if (lp->varStat[k] != VRX_VS_FREE) return 0;
+    const bool isFree = lp->lower[k] <= -inf && lp->upper[k] >= inf;
+    if (isFree && !freeLogged && !retry) {
+      freeLogged = true;
+      VRXcrossLog(lp, kLogFree, freeCount, 0, 0, *st.clock);
     }
-    for (int t = 0; t < todo; t++) {
-      if (st.pushFailed || limitReached(st)) return 0;
-      const int k = st.targets[t];
-      if (lp->varStat[k] != VRX_VS_FREE) continue;
-      const bool isFree = lp->lower[k] <= -inf && lp->upper[k] >= inf;
-      if (isFree && !freeLogged && !retry) {
-        freeLogged = true;
-        VRXcrossLog(lp, kLogFree, freeCount, 0, 0, *st.clock);
-      }
-      bool skipped = false, stayed = false;
-      int rc = pushPrimalOne<T>(st, k, retry, &skipped, &stayed);
-      if (rc) return rc;
-      if (skipped) st.deferred[deferred++] = k;
-      if (stayed) st.freeLeft++;
-      if (logDue(st, t, todo)) VRXcrossLog(lp, kLogPrimal, todo - t - 1, primalInfeas<T>(st), 0, *st.clock);
-    }
-  }
-  VRXcrossLog(lp, kLogPrimal, 0, primalInfeas<T>(st), 0, *st.clock);
+    bool stayed = false;
+    int rc = pushPrimalOne<T>(st, k, retry, skipped, &stayed);
+    if (stayed) st.freeLeft++;
+    return rc;
+  };
+  auto progress = [&](int left) { VRXcrossLog(lp, kLogPrimal, left, primalInfeas<T>(st), 0, *st.clock); };
+  bool stopped = false;
+  int rc = pushTargets<T>(st, cnt, false, one, progress, &stopped);
+  if (rc || stopped) return rc;
+  progress(0);
   return 0;
 }
 

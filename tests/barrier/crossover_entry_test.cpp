@@ -14,6 +14,7 @@
 #include "barrier/crossover.h"
 #include "model/model.h"
 #include "model/result.h"
+#include "presolve/guided.h"
 #include "simplex/lp.h"
 #include "simplex/lpdriver.h"
 #include "vornix_c.h"
@@ -350,34 +351,111 @@ TEST(Crossover, PushOrdersCleanUpChoicesAndExtendedArithmetic) {
 
 TEST(Crossover, OutOfMemoryAnywhereIsReportedAndLeavesNothing) {
   // Every allocation of a crossover run fails in turn; each run reports 10001 or
-  // succeeds, and nothing is left once the model and environment are gone.
-  long total = -1;
-  for (long k = 0;; k++) {
-    HookState hs;
-    VRXenv* env = nullptr;
-    ASSERT_EQ(0, loadWithHooks(&env, &hs));
-    VRXsetintparam(env, "OutputFlag", 0);
-    VRXmodel* m = loadModelDef(env, faceModel());
-    ASSERT_NE(nullptr, m);
-    VRXbarsol* s = point(m, {0.5, 0.5, 1.0}, {-1.0, 0.0}, -2.0);
-    const long before = hs.calls;
-    hs.failAt = before + k;
-    vrx::Clock clock = vrx::clockStart();
-    int rc = VRXcrossover(m, s, 0, clock);
-    const bool hit = hs.calls > before + k;
-    hs.failAt = -1;
-    if (hit) {
-      EXPECT_EQ(VRX_ERROR_OUT_OF_MEMORY, rc) << "allocation " << k;
-    } else {
-      EXPECT_EQ(0, rc);
-      EXPECT_EQ(VRX_OPTIMAL, m->status);
-      total = k;
+  // succeeds, and nothing is left once the model and environment are gone. The second
+  // round goes through the guided re-presolve, whose every allocation fails in turn too.
+  for (int guided : {0, 1}) {
+    SCOPED_TRACE(guided);
+    long total = -1;
+    for (long k = 0;; k++) {
+      HookState hs;
+      VRXenv* env = nullptr;
+      ASSERT_EQ(0, loadWithHooks(&env, &hs));
+      VRXsetintparam(env, "OutputFlag", 0);
+      VRXsetintparam(env, "VORN_PAR_GUIDEDPRE", guided);
+      VRXmodel* m = loadModelDef(env, faceModel());
+      ASSERT_NE(nullptr, m);
+      VRXbarsol* s = point(m, {0.5, 0.5, 1.0}, {-1.0, 0.0}, -2.0);
+      const long before = hs.calls;
+      hs.failAt = before + k;
+      vrx::Clock clock = vrx::clockStart();
+      int rc = VRXcrossover(m, s, 0, clock);
+      const bool hit = hs.calls > before + k;
+      hs.failAt = -1;
+      if (hit) {
+        EXPECT_EQ(VRX_ERROR_OUT_OF_MEMORY, rc) << "allocation " << k;
+      } else {
+        EXPECT_EQ(0, rc);
+        EXPECT_EQ(VRX_OPTIMAL, m->status);
+        total = k;
+      }
+      vrx::barsolFree(m->env, s);
+      VRXfreemodel(m);
+      VRXfreeenv(env);
+      EXPECT_EQ(0, hs.live) << "allocation " << k;
+      if (!hit) break;
     }
+    EXPECT_GT(total, 10);
+  }
+}
+
+TEST(Crossover, GuidedPresolveReducesTheModelOrFallsThrough) {
+  Env e;
+  {
+    // z at its upper bound with a clear reduced cost and the second row slack without a
+    // dual: the re-presolve (level 2) takes both and crosses over on x + y <= 1 alone.
+    VRXmodel* m = loadModelDef(e.env, faceModel());
+    VRXenv* menv = VRXgetenv(m);
+    VRXsetintparam(menv, "VORN_PAR_GUIDEDPRE", 2);
+    VRXsetdblparam(menv, "MarkowitzTol", 0.01);
+    VRXbarsol* s = point(m, {0.5, 0.5, 1.0}, {-1.0, 0.0}, -2.0);
+    vrx::GuidedOut g{};
+    double work = 0;
+    const double d[] = {0, 0, -1};
+    ASSERT_EQ(0, vrx::presolveGuided(m, s->x, s->pi, d, nullptr, &work, &g));
+    EXPECT_EQ(0, g.status);
+    EXPECT_EQ(1, g.fixedCols);
+    EXPECT_EQ(1, g.droppedRows);
+    vrx::guidedFree(m->env, &g);
+    Outcome o = cross(m, s);
+    EXPECT_EQ(0, o.rc);
+    EXPECT_EQ(VRX_OPTIMAL, o.status);
+    EXPECT_NEAR(2.0, o.obj, 1e-9);
+    EXPECT_EQ(0, o.cleanIters);
+    ASSERT_EQ(3u, o.x.size());
+    EXPECT_NEAR(1.0, o.x[2], 1e-12);
+    for (double v : o.x) EXPECT_TRUE(std::fabs(v) < 1e-9 || std::fabs(v - 1) < 1e-9) << v;
+    double v = 0;
+    VRXgetdblparam(menv, "MarkowitzTol", &v);
+    EXPECT_EQ(0.01, v);
     vrx::barsolFree(m->env, s);
     VRXfreemodel(m);
-    VRXfreeenv(env);
-    EXPECT_EQ(0, hs.live) << "allocation " << k;
-    if (!hit) break;
   }
-  EXPECT_GT(total, 10);
+  // Runs that must not enter the re-presolve log exactly what a run without it logs: a
+  // point that supports nothing (-1000), and the switches that forbid it.
+  struct Case {
+    ModelDef def;
+    std::vector<double> x, pi;
+    double obj;
+    const char* param;  // set to 0 beside VORN_PAR_GUIDEDPRE 2; null for none
+  };
+  ModelDef transport;
+  transport.obj = {1, 1, 1, 1};
+  transport.lb = {0, 0, 0, 0};
+  transport.rhs = {1, 1, 1, 1};
+  transport.sense = "====";
+  transport.cols = {{{0, 1}, {2, 1}}, {{0, 1}, {3, 1}}, {{1, 1}, {2, 1}}, {{1, 1}, {3, 1}}};
+  const Case cases[] = {{transport, {0.5, 0.5, 0.5, 0.5}, {0.5, 0.5, 0.5, 0.5}, 2.0, nullptr},
+                        {faceModel(), {0.5, 0.5, 1.0}, {-1.0, 0.0}, -2.0, "DualReductions"},
+                        {faceModel(), {0.5, 0.5, 1.0}, {-1.0, 0.0}, -2.0, "Presolve"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.param ? c.param : "little support");
+    std::string logs[2];
+    Outcome outs[2];
+    for (int guided : {0, 1}) {
+      VRXmodel* m = loadModelDef(e.env, c.def);
+      VRXenv* menv = VRXgetenv(m);
+      captureLogOf(menv);
+      VRXsetintparam(menv, "VORN_PAR_GUIDEDPRE", 2 * guided);
+      if (c.param) VRXsetintparam(menv, c.param, 0);
+      VRXbarsol* s = point(m, c.x, c.pi, c.obj);
+      outs[guided] = cross(m, s);
+      logs[guided] = capturedLog();
+      vrx::barsolFree(m->env, s);
+      VRXfreemodel(m);
+    }
+    EXPECT_EQ(VRX_OPTIMAL, outs[1].status);
+    EXPECT_EQ(outs[0].x, outs[1].x);
+    EXPECT_EQ(outs[0].pushMoves, outs[1].pushMoves);
+    EXPECT_EQ(logs[0], logs[1]);
+  }
 }
