@@ -337,25 +337,34 @@ void deleteEntry(VRXpresolve* p, int64_t k) {
   markCol(p, j);
 }
 
+namespace {
+
+// Moves the live entry of slot k (row r) to the free slot w; the column's
+// links follow.
+void moveSlot(VRXpresolve* p, int64_t k, int64_t w, int r) {
+  const int j = p->rowInd[k];
+  p->rowInd[w] = j;
+  p->rowVal[w] = p->rowVal[k];
+  p->slotRow[w] = r;
+  p->slotNext[w] = p->slotNext[k];
+  p->slotPrev[w] = p->slotPrev[k];
+  if (p->slotPrev[w] >= 0)
+    p->slotNext[p->slotPrev[w]] = w;
+  else
+    p->colHead[j] = w;
+  if (p->slotNext[w] >= 0) p->slotPrev[p->slotNext[w]] = w;
+  p->rowInd[k] = -1;
+}
+
+}  // namespace
+
 void compactRow(VRXpresolve* p, int r) {
   const int64_t b = p->rowBeg[r];
   int64_t w = b;
   for (int64_t k = b; k < b + p->rowLen[r]; ++k) {
     const int j = p->rowInd[k];
     if (j < 0) continue;
-    if (w != k) {
-      p->rowInd[w] = j;
-      p->rowVal[w] = p->rowVal[k];
-      p->slotRow[w] = r;
-      p->slotNext[w] = p->slotNext[k];
-      p->slotPrev[w] = p->slotPrev[k];
-      if (p->slotPrev[w] >= 0)
-        p->slotNext[p->slotPrev[w]] = w;
-      else
-        p->colHead[j] = w;
-      if (p->slotNext[w] >= 0) p->slotPrev[p->slotNext[w]] = w;
-      p->rowInd[k] = -1;
-    }
+    if (w != k) moveSlot(p, k, w, r);
     w++;
   }
   p->rowLen[r] = static_cast<int>(w - b);
@@ -378,21 +387,7 @@ void reserveRow(VRXpresolve* p, int r, int extra) {
   }
   const int64_t nb = p->slotEnd;
   const int64_t ob = p->rowBeg[r];
-  for (int t = 0; t < p->rowLen[r]; ++t) {
-    const int64_t k = ob + t, w = nb + t;
-    const int j = p->rowInd[k];
-    p->rowInd[w] = j;
-    p->rowVal[w] = p->rowVal[k];
-    p->slotRow[w] = r;
-    p->slotNext[w] = p->slotNext[k];
-    p->slotPrev[w] = p->slotPrev[k];
-    if (p->slotPrev[w] >= 0)
-      p->slotNext[p->slotPrev[w]] = w;
-    else
-      p->colHead[j] = w;
-    if (p->slotNext[w] >= 0) p->slotPrev[p->slotNext[w]] = w;
-    p->rowInd[k] = -1;
-  }
+  for (int t = 0; t < p->rowLen[r]; ++t) moveSlot(p, ob + t, nb + t, r);
   p->rowBeg[r] = nb;
   p->rowCap[r] = cap;
   p->slotEnd = nb + cap;

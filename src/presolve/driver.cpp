@@ -20,7 +20,23 @@ struct Driver {
   // The matrix as the last parallel passes saw it: unchanged, they find nothing new.
   int64_t parRowsSeen = -1;
   int64_t parColsSeen = -1;
+  // Runs of the symmetry pass, and the matrix as the last one saw it.
+  int symmRuns = 0;
+  int64_t symmSeen = -1;
 };
+
+// VORN_PAR_PRESYMMPASSES: -1 off, else the number of runs in one presolve
+// (0 counts as one); a run on an unchanged matrix would find nothing new.
+int symmetryIfDue(Driver& dr) {
+  VRXpresolve* p = dr.p;
+  const int runs = std::max(1, dr.par.VORN_PAR_PRESYMMPASSES);
+  if (dr.par.VORN_PAR_PRESYMMPASSES == -1 || !p->dualReductions || dr.symmRuns >= runs) return kPreOk;
+  if (dr.symmSeen == p->matrixStamp) return kPreOk;
+  dr.symmRuns++;
+  int rc = symmetryPass(p, dr.par.Method == 2 ? 1.5 : 1.75);
+  dr.symmSeen = p->matrixStamp;
+  return rc;
+}
 
 int parallelRowsIfChanged(Driver& dr) {
   if (dr.parRowsSeen == dr.p->matrixStamp) return kPreOk;
@@ -130,6 +146,7 @@ int mainLoop(Driver& dr, int outerLimit) {
     }
     allActivities(p);
     if (par.VORN_PAR_PRETWOROWS != 0) RUN(twoRowPass(p, std::abs(par.VORN_PAR_PRETWOROWS)));
+    RUN(symmetryIfDue(dr));
     if ((p->depRowMode & 1) && gate(p, pwDepRows)) RUN(dependentRows(p));
     if (!check(dr)) return kPreStop;
     p->trackMode = 1;

@@ -23,8 +23,11 @@ int presolvePack(VRXpresolve* p, VRXmodel* model, bool withNames, PresolveOut* o
   } mapGuard{map};
   map->env = env;
   map->undoCount = -1;
-  map->origCols = n;
-  map->origRows = m;
+  // Columns and rows beyond the model's own were added by reductions.
+  map->origCols = d->numVars;
+  map->origRows = d->numConstrs;
+  map->addedCols = n - d->numVars;
+  map->addedRows = m - d->numConstrs;
   map->colMap = preArray<int>(env, static_cast<size_t>(n));
   map->rowMap = preArray<int>(env, static_cast<size_t>(m));
   map->rowNeg = preArray<char>(env, static_cast<size_t>(m));
@@ -34,13 +37,13 @@ int presolvePack(VRXpresolve* p, VRXmodel* model, bool withNames, PresolveOut* o
   int nc = 0, nr = 0;
   for (int j = 0; j < n; ++j) {
     map->colMap[j] = colLive(p, j) ? nc++ : (p->colCount[j] == -1 ? -1 : -2);
-    map->origLb[j] = d->lb[j];
-    map->origUb[j] = d->ub[j];
+    map->origLb[j] = j < d->numVars ? d->lb[j] : -kInf;
+    map->origUb[j] = j < d->numVars ? d->ub[j] : kInf;
   }
   for (int i = 0; i < m; ++i) {
     map->rowMap[i] = rowLive(p, i) ? nr++ : -1;
-    map->rowNeg[i] = d->sense[i] == '>' ? 1 : 0;
-    map->origSense[i] = d->sense[i] == '=' ? '=' : '<';
+    map->rowNeg[i] = i < d->numConstrs && d->sense[i] == '>' ? 1 : 0;
+    map->origSense[i] = i < d->numConstrs && d->sense[i] != '=' ? '<' : '=';
   }
   map->preCols = nc;
   map->preRows = nr;

@@ -238,6 +238,10 @@ int parallelColumns(VRXpresolve* p);
 int aggregate(VRXpresolve* p, bool doubletonOnly, int aggFill);
 int dependentRows(VRXpresolve* p);
 int columnToSlack(VRXpresolve* p, int* removed);
+// Columns that an equitable partition of the problem puts in one cell are
+// merged into their sum (kind 18), the rows of a cell into one. limit scales
+// the work budget of the refinement (limit times ten sweeps over the matrix).
+int symmetryPass(VRXpresolve* p, double limit);
 // Implied-free columns lose their bounds and are measured from the old lower
 // bound (kind 9).
 int impliedFreeRebase(VRXpresolve* p);

@@ -21,7 +21,11 @@
 //  19 BLOCK         block col, count, cols[count]          | coefs[count], lbs[count], ubs[count]
 //  12 BINMAP        col, binary col                        |
 //  13 ROWSPLIT      row, col, new row, count, cols[count]  | rhs, coef in row, coef in new row, coefs[count]
-//  18 MERGECOLS     merged col, count, cols[count]         |
+//                   (the new row: coefs.x + (coef in new row) col = rhs; col and new row are added indices)
+//  18 MERGECOLS     merged col, count, cols[count], nRowCells, nColCells, rowLens[nRowCells], rows...,
+//                   colLens[nColCells], cols...            |
+//                   (the oldest record of a symmetry pass lists all its cells behind its own
+//                   members, the first of each cell being the one that stays; the others hold 0, 0)
 //  20 TWOROWS       r1, r2, j, k, nRest, rest[nRest]       | a1j a1k a2j a2k b1 b2 cj ck, a1[nRest], a2[nRest]
 #include <algorithm>
 #include <cmath>
@@ -120,6 +124,8 @@ struct Walk {
   int* cs;
   int* rs;
   bool dual;
+  const double* lb;  // original bounds, for a status chosen in the walk
+  const double* ub;
 };
 
 void undoFixCol(const VRXundo* u, Walk& w) {
@@ -471,6 +477,134 @@ void undoTwoRows(const VRXundo* u, Walk& w) {
   w.rs[r1] = w.rs[r2] = kRowActive;
 }
 
+// The row was split: the new row coefs.x + c_q z = rhs defines z, and the row
+// kept c_r z in place of those terms. The row's dual stays; a z off zero
+// reduced cost moves onto the columns of the new row, and with z and the new
+// row's slack both basic the row itself was inactive and its slack is basic.
+// With both nonbasic one basic is too many; the basis load drops it.
+void undoRowSplit(const VRXundo* u, Walk& w) {
+  if (!w.dual) return;
+  const int* I = undoInts(u);
+  const double* D = undoDbls(u);
+  const int row = I[0], z = I[1], q = I[2], count = I[3];
+  const double cq = D[2];
+  const double dz = w.d[z];
+  if (dz != 0)
+    for (int t = 0; t < count; ++t) w.d[I[4 + t]] -= D[3 + t] * dz / cq;
+  if (w.cs[z] == kStBasic && w.rs[q] == kRowBasic) w.rs[row] = kRowBasic;
+}
+
+int nearerBound(const Walk& w, int j) {
+  const bool loFin = w.lb[j] > -1e30, upFin = w.ub[j] < 1e30;
+  if (loFin && upFin) return w.x[j] - w.lb[j] <= w.ub[j] - w.x[j] ? kStLower : kStUpper;
+  return loFin ? kStLower : (upFin ? kStUpper : kStFree);
+}
+
+// The d-th member to leave a basic cell goes to the bound that keeps the sum of
+// the leavers nearest d shares, so the members left basic have little to make up.
+int leavingBound(const Walk& w, int j, int d) {
+  if (!(w.lb[j] > -1e30 && w.ub[j] < 1e30) || w.ub[j] <= w.lb[j]) return nearerBound(w, j);
+  const double f = std::min(1.0, std::max(0.0, (w.x[j] - w.lb[j]) / (w.ub[j] - w.lb[j])));
+  return std::floor(d * f + 0.5) > std::floor((d - 1) * f + 0.5) ? kStUpper : kStLower;
+}
+
+// The cells of one symmetry pass, after each merged column was split: the rows
+// of a row cell share the kept row's dual and status, and the statuses are
+// evened out to as many basics as rows. Surplus basics leave the basic column
+// cells one member per cell in turn (the dual stays as it is); missing ones
+// come from the members and rows nearest to zero reduced cost or dual.
+void mergedCellsBasis(const int* tr, Walk& w) {
+  const int nR = tr[0], nC = tr[1];
+  const int* rLen = tr + 2;
+  const int* rows = rLen + nR;
+  int totalR = 0;
+  for (int c = 0; c < nR; ++c) totalR += rLen[c];
+  const int* cLen = rows + totalR;
+  const int* cols = cLen + nC;
+  long diff = 0;
+  for (int c = 0, at = 0; c < nR; at += rLen[c++]) {
+    const int L = rLen[c], r0 = rows[at];
+    const double yr = w.y[r0] / L;
+    const int st = w.rs[r0];
+    for (int t = 0; t < L; ++t) {
+      w.y[rows[at + t]] = yr;
+      w.rs[rows[at + t]] = st;
+    }
+    diff += st == kRowBasic ? 0 : -(L - 1);
+  }
+  for (int c = 0, at = 0; c < nC; at += cLen[c++])
+    if (w.cs[cols[at]] == kStBasic) diff += cLen[c] - 1;
+  // Surplus members leave the basic cells in proportion to their size, those
+  // resting on a bound first (they cost the primal nothing).
+  auto atBound = [&](int j) {
+    const int near = nearerBound(w, j);
+    const double gap = near == kStLower ? w.x[j] - w.lb[j] : (near == kStUpper ? w.ub[j] - w.x[j] : kInf);
+    return gap <= 1e-9 * (1 + std::fabs(w.x[j]));
+  };
+  for (int sweep = 0; sweep < 2 && diff > 0; ++sweep) {
+    auto eligible = [&](int at) { return w.cs[cols[at]] == kStBasic && atBound(cols[at]) == (sweep == 0); };
+    long total = 0;
+    for (int c = 0, at = 0; c < nC; at += cLen[c++])
+      if (eligible(at)) total += cLen[c] - 1;
+    if (total == 0) continue;
+    const long take = std::min(diff, total);
+    long left = take;
+    for (int pass = 0; pass < 2 && left > 0; ++pass)
+      for (int c = 0, at = 0; c < nC && left > 0; at += cLen[c++]) {
+        if (!eligible(at)) continue;
+        int gone = 0;
+        while (gone < cLen[c] - 1 && w.cs[cols[at + cLen[c] - 1 - gone]] != kStBasic) ++gone;
+        // First pass: the proportional share; second: one more each for the rounding.
+        long want = pass == 0 ? take * (cLen[c] - 1) / total : 1;
+        for (; want > 0 && left > 0 && gone < cLen[c] - 1; --want, --left) {
+          ++gone;
+          const int j = cols[at + cLen[c] - gone];
+          w.cs[j] = leavingBound(w, j, gone);
+        }
+      }
+    diff -= take;
+  }
+  for (int c = 0, at = 0; c < nR && diff > 0; at += rLen[c++])
+    for (int t = 1; t < rLen[c] && diff > 0 && w.rs[rows[at]] == kRowBasic; ++t) {
+      w.rs[rows[at + t]] = kRowActive;
+      diff--;
+    }
+  for (double thr : {1e-9, 1e-6, kInf}) {
+    for (int c = 0, at = 0; c < nC && diff < 0; at += cLen[c++])
+      for (int t = 1; t < cLen[c] && diff < 0; ++t) {
+        const int j = cols[at + t];
+        if (w.cs[j] == kStBasic || std::fabs(w.d[j]) > thr) continue;
+        w.cs[j] = kStBasic;
+        diff++;
+      }
+    for (int c = 0, at = 0; c < nR && diff < 0; at += rLen[c++])
+      for (int t = 1; t < rLen[c] && diff < 0; ++t) {
+        const int i = rows[at + t];
+        if (w.rs[i] == kRowBasic || std::fabs(w.y[i]) > thr) continue;
+        w.rs[i] = kRowBasic;
+        diff++;
+      }
+  }
+}
+
+// Columns of a symmetry cell merged into their sum: each takes an equal share,
+// which is optimal because the cell's average of any optimum is one.
+void undoMergeCols(const VRXundo* u, Walk& w) {
+  const int* I = undoInts(u);
+  const int merged = I[0], count = I[1];
+  const int* cols = I + 2;
+  const double share = w.x[merged] / count;
+  const double dm = w.dual ? w.d[merged] : 0.0;
+  const int st = w.dual ? w.cs[merged] : kStBasic;
+  for (int t = 0; t < count; ++t) {
+    w.x[cols[t]] = share;
+    if (!w.dual) continue;
+    w.d[cols[t]] = dm;
+    w.cs[cols[t]] = st;
+  }
+  if (w.dual && u->ni > 2 + count && (cols[count] > 0 || cols[count + 1] > 0)) mergedCellsBasis(cols + count, w);
+}
+
 void walkOne(const VRXundo* u, Walk& w) {
   switch (u->kind) {
     case UNDO_FIXCOL: undoFixCol(u, w); break;
@@ -490,7 +624,9 @@ void walkOne(const VRXundo* u, Walk& w) {
     case UNDO_IMPLIEDCONT: undoImpliedCont(u, w); break;
     case UNDO_BLOCK: undoBlock(u, w); break;
     case UNDO_TWOROWS: undoTwoRows(u, w); break;
-    default: break;  // 12, 13, 18 carry nothing back: their values come from crush or other records
+    case UNDO_ROWSPLIT: undoRowSplit(u, w); break;
+    case UNDO_MERGECOLS: undoMergeCols(u, w); break;
+    default: break;  // 12 carries nothing back: its binary comes from crush
   }
 }
 
@@ -498,12 +634,15 @@ void walkOne(const VRXundo* u, Walk& w) {
 
 int uncrushLP(const VRXpresolvemap* map, const LPPoint& pre, LPPoint& out) {
   VRXenv* env = map->env;
+  // The walk also runs over the columns and rows presolve added; the caller gets the original ones.
   const int n = map->origCols, m = map->origRows;
-  Scratch<double> sx(env, n), sy(env, m), sd(env, n);
-  Scratch<int> scs(env, n), srs(env, m);
+  const int wn = n + map->addedCols, wm = m + map->addedRows;
+  Scratch<double> sx(env, wn), sy(env, wm), sd(env, wn);
+  Scratch<int> scs(env, wn), srs(env, wm);
   if (!sx.a || !sy.a || !sd.a || !scs.a || !srs.a) return VRX_ERROR_OUT_OF_MEMORY;
-  Walk w{sx.a, sy.a, sd.a, scs.a, srs.a, pre.y != nullptr && pre.d != nullptr && pre.colStat && pre.rowStat};
-  for (int j = 0; j < n; ++j) {
+  Walk w{sx.a,  sy.a, sd.a, scs.a, srs.a, pre.y != nullptr && pre.d != nullptr && pre.colStat && pre.rowStat,
+         map->origLb, map->origUb};
+  for (int j = 0; j < wn; ++j) {
     const int pj = map->colMap[j];
     if (pj >= 0) {
       w.x[j] = pre.x[pj];
@@ -515,7 +654,7 @@ int uncrushLP(const VRXpresolvemap* map, const LPPoint& pre, LPPoint& out) {
       w.cs[j] = kStLower;
     }
   }
-  for (int i = 0; i < m; ++i) {
+  for (int i = 0; i < wm; ++i) {
     const int pi = map->rowMap[i];
     if (pi >= 0 && w.dual) {
       w.y[i] = pre.y[pi];
@@ -546,7 +685,7 @@ int uncrushLP(const VRXpresolvemap* map, const LPPoint& pre, LPPoint& out) {
 
 int uncrushPrimal(const VRXpresolvemap* map, const double* preX, double* origX, int len) {
   VRXenv* env = map->env;
-  const int n = map->origCols;
+  const int n = map->origCols + map->addedCols;
   double* x = origX;
   Scratch<double> tmp(env, len < n ? n : 0);
   if (len < n) {
@@ -554,7 +693,7 @@ int uncrushPrimal(const VRXpresolvemap* map, const double* preX, double* origX, 
     x = tmp.a;
   }
   for (int j = 0; j < n; ++j) x[j] = map->colMap[j] >= 0 ? preX[map->colMap[j]] : 0.0;
-  Walk w{x, nullptr, nullptr, nullptr, nullptr, false};
+  Walk w{x, nullptr, nullptr, nullptr, nullptr, false, map->origLb, map->origUb};
   for (const VRXundo* u = map->undo.head; u; u = u->next) walkOne(u, w);
   if (len < n) std::memcpy(origX, x, sizeof(double) * static_cast<size_t>(len));
   return 0;
@@ -602,11 +741,12 @@ int presolveMapIndex(VRXpresolvemap* map) {
 
 int crushStart(const VRXpresolvemap* map, const double* origX, double* preX, int* partial) {
   VRXenv* env = map->env;
-  const int n = map->origCols;
+  const int n = map->origCols + map->addedCols;
   Scratch<double> sx(env, n);
   if (!sx.a) return VRX_ERROR_OUT_OF_MEMORY;
   double* x = sx.a;
-  std::memcpy(x, origX, sizeof(double) * static_cast<size_t>(n));
+  std::memcpy(x, origX, sizeof(double) * static_cast<size_t>(map->origCols));
+  for (int j = map->origCols; j < n; ++j) x[j] = kUndefined;
   // Oldest first: collect the records into an order without touching the map.
   Scratch<const VRXundo*> order(env, static_cast<size_t>(map->undo.count));
   if (!order.a) return VRX_ERROR_OUT_OF_MEMORY;
@@ -644,11 +784,12 @@ int crushStart(const VRXpresolvemap* map, const double* origX, double* preX, int
         rest = x[I[4 + t]] >= kUndefined ? kUndefined : rest + D[3 + t] * x[I[4 + t]];
       x[col] = rest >= kUndefined ? kUndefined : (D[0] - rest) / D[2];
     } else if (u->kind == UNDO_MERGECOLS) {
-      const int merged = I[0], count = I[1];
+      const int count = I[1];
       double sum = 0;
       for (int t = 0; t < count && sum < kUndefined; ++t)
         sum = x[I[2 + t]] >= kUndefined ? kUndefined : sum + x[I[2 + t]];
-      x[merged] = sum;
+      for (int t = 0; t < count; ++t) x[I[2 + t]] = sum;
+      x[I[0]] = sum;
     } else if (u->kind == UNDO_BLOCK) {
       const int block = I[0], count = I[1];
       double sum = 0;
@@ -731,6 +872,21 @@ int crushExpr(VRXpresolvemap* map, int count, const int* ind, const double* coef
       if (in[j]) wv[j] = 1e-100;
       if (in[k]) wv[k] = 1e-100;
       for (int t = 0; t < nRest; ++t) addTo(I[5 + t], -(w1 * D[8 + t] + w2 * D[8 + nRest + t]));
+      continue;
+    }
+    if (u->kind == UNDO_MERGECOLS) {
+      // Each member is an equal share of the sum, so the sum's coefficient
+      // is the members' average; the others are gone from here on.
+      const int count = I[1];
+      double sum = 0;
+      bool any = false;
+      for (int t = 0; t < count; ++t)
+        if (in[I[2 + t]]) {
+          sum += wv[I[2 + t]];
+          wv[I[2 + t]] = 1e-100;
+          any = true;
+        }
+      if (any) addTo(col, sum / count);
       continue;
     }
     if (!in[col] || std::fabs(wv[col]) <= 1e-100) continue;

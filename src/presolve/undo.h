@@ -91,6 +91,9 @@ struct VRXpresolvemap {
   VRXmodel* presolved;  // owned once the map hangs on the original model, else null
   int origCols, origRows;
   int preCols, preRows;
+  // Columns and rows a reduction added (kind 13): indices origCols.. and
+  // origRows.. in colMap and rowMap and in the walks; never handed out.
+  int addedCols, addedRows;
   int* colMap;      // original column -> presolved column; -1 fixed or redundant, -2 and less with a dependence
   int* rowMap;      // original row -> presolved row, -1 removed
   char* rowNeg;     // original rows read with '>' (negated at build)

@@ -15,22 +15,26 @@ using namespace pretest;
 
 std::string netlib(const char* name) { return std::string(VRX_SHARED_DATA) + "/netlib/" + name + ".mps.gz"; }
 
-TEST(PresolveFrame, EveryAllocationFailureIsCleanAndLeavesNothing) {
-  // Presolve, a crush and a walk back of afiro, with the k-th allocation refused.
+// Presolve, a crush and a walk back of a Netlib model, with the k-th allocation refused.
+void allocationSweep(const char* name, bool symmetry) {
   long calls = 0;
   for (long k = -1; k < calls || k < 0; ++k) {
     HookState hs;
     VRXenv* env = nullptr;
     ASSERT_EQ(0, loadWithHooks(&env, &hs));
     VRXsetintparam(env, "OutputFlag", 0);
+    if (symmetry) VRXsetintparam(env, "VORN_PAR_PRESYMMPASSES", 0);
     VRXmodel* m = nullptr;
-    ASSERT_EQ(0, VRXreadmodel(env, netlib("afiro").c_str(), &m));
+    ASSERT_EQ(0, VRXreadmodel(env, netlib(name).c_str(), &m));
     const long before = hs.calls;
     if (k >= 0) hs.failAt = before + k;
     double work = 0;
     vrx::PresolveOut out;
     int rc = vrx::presolveLP(m, &work, 0, &out);
     if (rc == 0 && out.status == 0) {
+      bool merged = false;
+      for (const VRXundo* u = out.map->undo.head; u; u = u->next) merged |= u->kind == vrx::UNDO_MERGECOLS;
+      if (k < 0) EXPECT_EQ(symmetry, merged) << name;
       std::vector<double> px(out.presolved->data->numVars + 1, 0.0), x(m->data->numVars, 1.0), back(m->data->numVars);
       int partial = 0;
       int rc2 = vrx::crushStart(out.map, x.data(), px.data(), &partial);
@@ -40,7 +44,7 @@ TEST(PresolveFrame, EveryAllocationFailureIsCleanAndLeavesNothing) {
       vrx::modelDestroy(out.presolved);
       vrx::presolveMapFree(out.map);
     } else {
-      EXPECT_EQ(VRX_ERROR_OUT_OF_MEMORY, rc) << k;
+      EXPECT_EQ(VRX_ERROR_OUT_OF_MEMORY, rc) << name << " " << k;
       EXPECT_EQ(nullptr, out.presolved);
       EXPECT_EQ(nullptr, out.map);
     }
@@ -48,9 +52,14 @@ TEST(PresolveFrame, EveryAllocationFailureIsCleanAndLeavesNothing) {
     hs.failAt = -1;
     VRXfreemodel(m);
     VRXfreeenv(env);
-    EXPECT_EQ(0, hs.live) << k;
+    EXPECT_EQ(0, hs.live) << name << " " << k;
   }
   EXPECT_GT(calls, 10);
+}
+
+TEST(PresolveFrame, EveryAllocationFailureIsCleanAndLeavesNothing) {
+  allocationSweep("afiro", false);
+  allocationSweep("vtpbase", true);  // through the symmetry pass and its records
 }
 
 TEST(PresolveFrame, MapKeptOnTheModelGoesWithAChangeAndWithTheModel) {

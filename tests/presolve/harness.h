@@ -57,6 +57,16 @@ struct Result {
   std::vector<int> kinds;  // undo records, newest first
 };
 
+// Sizes the point of a result for n columns and m rows, all zero; the view on it.
+inline vrx::LPPoint sizePoint(Result& r, int n, int m) {
+  r.x.assign(n, 0);
+  r.y.assign(m, 0);
+  r.d.assign(n, 0);
+  r.cs.assign(n, 0);
+  r.rs.assign(m, 0);
+  return vrx::LPPoint{r.x.data(), r.y.data(), r.d.data(), r.cs.data(), r.rs.data()};
+}
+
 inline double now() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
@@ -112,13 +122,8 @@ inline Result run(VRXmodel* model, bool cleanup) {
   } else {
     r.status = 2;
   }
-  r.x.assign(n, 0);
-  r.y.assign(m, 0);
-  r.d.assign(n, 0);
-  r.cs.assign(n, 0);
-  r.rs.assign(m, 0);
+  vrx::LPPoint op = sizePoint(r, n, m);
   if (r.status == 2) {
-    vrx::LPPoint op{r.x.data(), r.y.data(), r.d.data(), r.cs.data(), r.rs.data()};
     EXPECT_EQ(0, vrx::uncrushLP(out.map, pp, op));
     double o = d->objCon;
     for (int j = 0; j < n; ++j) o += d->obj[j] * r.x[j];
@@ -257,6 +262,17 @@ inline Plain plain(VRXmodel* m) {
   return p;
 }
 
+// The walked-back point is optimal on the original, its basis has as many basics
+// as rows, and the clean-up from it ends optimal.
+inline void expectOptimalWalk(const VRXmodeldata* d, const Result& r, const char* what) {
+  Quality q = measure(d, r);
+  EXPECT_LT(q.primal, 1e-9) << what;
+  EXPECT_LT(q.dual, 1e-9) << what;
+  EXPECT_LT(q.identity, 1e-12) << what;
+  EXPECT_EQ(q.rows, q.basics) << what;
+  EXPECT_EQ(2, r.cleanupStatus) << what;
+}
+
 inline bool has(const Result& r, int kind) { return std::find(r.kinds.begin(), r.kinds.end(), kind) != r.kinds.end(); }
 
 enum Compare { kPrimal = 1, kDual = 2 };
@@ -276,12 +292,7 @@ inline Result bothWays(const Def& def, int compare, const char* what,
   EXPECT_EQ(2, r.status) << what;
   EXPECT_NEAR(p.obj, r.obj, 1e-7 * (1 + std::fabs(p.obj))) << what;
   if (r.status == 2) {
-    Quality q = measure(b->data, r);
-    EXPECT_LT(q.primal, 1e-9) << what;
-    EXPECT_LT(q.dual, 1e-9) << what;
-    EXPECT_LT(q.identity, 1e-12) << what;
-    EXPECT_EQ(q.rows, q.basics) << what;
-    EXPECT_EQ(2, r.cleanupStatus) << what;
+    expectOptimalWalk(b->data, r, what);
     EXPECT_EQ(0, r.cleanupIters) << what;
     const int n = b->data->numVars, rows = b->data->numConstrs;
     for (int j = 0; j < n && (compare & kPrimal); ++j) EXPECT_NEAR(p.x[j], r.x[j], 1e-9) << what << " x" << j;

@@ -15,8 +15,10 @@ TEST(PresolveNetlib, OptimaDualsAndBasisComeBack) {
   ASSERT_EQ(66u, ref.size());
   const char* only = std::getenv("VRX_PRE_ONLY");
   const bool verbose = std::getenv("VRX_PRE_VERBOSE") != nullptr;
+  // The symmetry pass is off by default; this turns it on for a manual sweep.
+  const bool symmetry = std::getenv("VRX_PRE_SYMMETRY") != nullptr;
   Env e;
-  int optimal = 0, noCleanup = 0;
+  int optimal = 0, noCleanup = 0, merged = 0;
   double cleanupTotal = 0;
   for (auto& [name, expected] : ref) {
     if (only && name != only) continue;
@@ -24,7 +26,12 @@ TEST(PresolveNetlib, OptimaDualsAndBasisComeBack) {
     const std::string path = std::string(VRX_SHARED_DATA) + "/netlib/" + name + ".mps.gz";
     ASSERT_EQ(0, VRXreadmodel(e.env, path.c_str(), &m)) << name;
     VRXsetintparam(VRXgetenv(m), "OutputFlag", 0);
+    if (symmetry) VRXsetintparam(VRXgetenv(m), "VORN_PAR_PRESYMMPASSES", 0);
     Result r = run(m, true);
+    if (has(r, vrx::UNDO_MERGECOLS)) {
+      merged++;
+      if (verbose) std::printf("%-10s merged symmetric columns\n", name.c_str());
+    }
     EXPECT_EQ(0, r.presolveStatus) << name;
     EXPECT_EQ(2, r.status) << name;
     EXPECT_TRUE(closeTo(r.obj, expected)) << name << ": " << r.obj << " expected " << expected;
@@ -48,8 +55,8 @@ TEST(PresolveNetlib, OptimaDualsAndBasisComeBack) {
     }
     VRXfreemodel(m);
   }
-  std::printf("[ presolve ] %d models optimal after uncrush, %d without clean-up iterations, %.0f clean-up iterations in all\n",
-              optimal, noCleanup, cleanupTotal);
+  std::printf("[ presolve ] %d models optimal after uncrush, %d without clean-up iterations, %.0f clean-up iterations in all, %d with symmetric merges\n",
+              optimal, noCleanup, cleanupTotal, merged);
 }
 
 }  // namespace
@@ -84,15 +91,10 @@ TEST(PresolveNetlib, MiplibRelaxations) {
     for (int j = 0; j < d->numVars; ++j) d->vtype[j] = 'C';
     d->numIntVars = d->numBinVars = 0;
     VRXsetintparam(VRXgetenv(m), "OutputFlag", 0);
+    if (std::getenv("VRX_PRE_SYMMETRY")) VRXsetintparam(VRXgetenv(m), "VORN_PAR_PRESYMMPASSES", 0);
     // Without presolve first: the reference values of the relaxations are rounded.
     Result plain;
-    const int n = d->numVars, rows = d->numConstrs;
-    plain.x.assign(n, 0);
-    plain.y.assign(rows, 0);
-    plain.d.assign(n, 0);
-    plain.cs.assign(n, 0);
-    plain.rs.assign(rows, 0);
-    vrx::LPPoint pt{plain.x.data(), plain.y.data(), plain.d.data(), plain.cs.data(), plain.rs.data()};
+    vrx::LPPoint pt = sizePoint(plain, d->numVars, d->numConstrs);
     double iters = 0, plainObj = 0;
     ASSERT_EQ(2, solveStore(m, nullptr, nullptr, &iters, &plainObj, &pt)) << name;
     const Quality pq = measure(d, plain);
@@ -108,9 +110,9 @@ TEST(PresolveNetlib, MiplibRelaxations) {
       EXPECT_LT(q.primal, std::max(1e-6, 2 * pq.primal)) << name;
       EXPECT_EQ(2, r.cleanupStatus) << name;
       if (std::getenv("VRX_PRE_VERBOSE"))
-        std::printf("%-10s %6d %6d -> %6d %6d  pre %.3fs total %.3fs cleanup %4.0f  p %.1e d %.1e id %.1e\n",
+        std::printf("%-10s %6d %6d -> %6d %6d  pre %.3fs total %.3fs iters %6.0f cleanup %4.0f  p %.1e d %.1e id %.1e%s\n",
                     name.c_str(), d->numConstrs, d->numVars, r.preRows, r.preCols, r.presolveSecs, r.totalSecs,
-                    r.cleanupIters, q.primal, q.dual, q.identity);
+                    r.preIters, r.cleanupIters, q.primal, q.dual, q.identity, has(r, vrx::UNDO_MERGECOLS) ? "  merged" : "");
     }
     done++;
     VRXfreemodel(m);
