@@ -154,6 +154,7 @@ int asyncStep(VRXmodel* model, void* cbdata, int where, void* usrdata) {
   auto* cache = static_cast<VRXasyncCache*>(model->asyncCache);
   if (!cache) return 0;
   int rc = cache->userFunc ? cache->userFunc(model, cbdata, where, usrdata) : 0;
+  if (cb->clock) cache->runVTime.store(cb->clock->work, std::memory_order_relaxed);
   const VRXcbprogress* p = cb->progress;
   if (!p) return rc;
   const double sense = model->data ? model->data->modelSense : 1;
@@ -162,6 +163,8 @@ int asyncStep(VRXmodel* model, void* cbdata, int where, void* usrdata) {
     case VRX_CB_SIMPLEX:
       if (p->spxIter > cache->iterCount.load(std::memory_order_relaxed))
         cache->iterCount.store(p->spxIter, std::memory_order_relaxed);
+      // The objective of a log line, in the model's sense already.
+      if (where == VRX_CB_SIMPLEX) cache->objVal.store(p->spxObj, std::memory_order_relaxed);
       break;
     case VRX_CB_MIP:
       cache->objVal.store(sense * p->mipObjBest, std::memory_order_relaxed);

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "env/clock.h"
 #include "env/env.h"
 
 constexpr uint32_t kCbMagic = 0x28BF7DC5u;
@@ -54,6 +55,7 @@ struct VRXcbdata {
   int lastNode;
   const VRXcbprogress* progress;  // the reporting solver's values, during a call
   int numVars;                     // length of solution arrays handed out
+  const vrx::Clock* clock;         // the clock of the run under way, null between runs
 };
 
 // What the attribute reads answer while an asynchronous solve runs: the worker's private
@@ -86,4 +88,23 @@ int callbackMessage(VRXenv* env, const char* text);
 // Calls the user callback at 'where' with the solver's values. Returns the
 // callback's result; non-zero asks the solver to stop with that code.
 int callbackFrame(VRXenv* env, int where, const VRXcbprogress* progress);
+
+// Hands the clock of a run to the environment's callback block for the run's length, so
+// the frame can tell the work done so far; the one before comes back at the end.
+class CallbackClock {
+ public:
+  CallbackClock(VRXenv* env, const Clock* clock)
+      : block_(env->cbData), saved_(block_ ? block_->clock : nullptr) {
+    if (block_) block_->clock = clock;
+  }
+  ~CallbackClock() {
+    if (block_) block_->clock = saved_;
+  }
+  CallbackClock(const CallbackClock&) = delete;
+  CallbackClock& operator=(const CallbackClock&) = delete;
+
+ private:
+  VRXcbdata* block_;
+  const Clock* saved_;
+};
 }  // namespace vrx

@@ -13,6 +13,7 @@
 #include "model/pending.h"
 #include "model/result.h"
 #include "simplex/lpdriver.h"
+#include "simplex/qpsd.h"
 
 namespace vrx {
 
@@ -77,6 +78,7 @@ int run(VRXmodel* model, Clock& clock) {
   const VRXmodeldata* d = model->data;
   model->status = VRX_LOADED;
   if (env->cbData) env->cbData->startTime = clock.start;
+  CallbackClock frameClock(env, &clock);
   logStatistics(env, d);
   if (env->par.VORN_PAR_DUMP) {
     model->accessAllowed = 1;
@@ -98,18 +100,23 @@ int run(VRXmodel* model, Clock& clock) {
   if (qp && d->numPWLObjVars > 0)
     return raise(env, VRX_ERROR_NOT_SUPPORTED, true,
                  "QP models with a piecewise-linear objective cannot be solved by this build");
-  if (qp && (method == 3 || method == 4)) {
+  const bool qpConcurrent = qp && (method == 3 || method == 4);
+  if (qpConcurrent) {
     log(env, "Warning: Concurrent optimizer not supported for QP models\n");
     log(env, "         Using dual simplex\n");
+  }
+  if (qp) {
+    int rc = VRXqCheckPSD(model, clock);
+    if (rc) return rc;
+  }
+  if (qpConcurrent) {
     // The method goes back to the caller's value after the run.
     env->par.Method = 1;
     int rc = lpOptimize(model, clock);
     env->par.Method = method;
     return rc;
   }
-  if (method == 3 || method == 4 || method == 5)
-    return raise(env, VRX_ERROR_NOT_SUPPORTED, true,
-                 "Method %d is not available in this build", method);
+  if (method == 3 || method == 4 || method == 5) return concurrentLP(model, clock);
   return lpOptimize(model, clock);
 }
 

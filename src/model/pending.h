@@ -252,6 +252,10 @@ void pendingCounts(const VRXmodel* model, int* numVars, int* numConstrs);
 // 10027 with its log line and text when UpdateMode changed since the batch began.
 int pendingCheckMode(VRXmodel* model, VRXpending* p);
 
+// Quadratic objective terms from inside a run (the convexity repair): the batch of
+// VRXaddqpterms without the entry checks, which refuse calls during a solve.
+int pendingAddQTerms(VRXmodel* model, int numqnz, const int* qrow, const int* qcol, const double* qval);
+
 // ---- single writes, for the attribute calls ----
 // The caller did the model check and the NaN checks. Each write checks its
 // index against pendingCounts (10006, no text), its value where a rule says

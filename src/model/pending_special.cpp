@@ -268,6 +268,20 @@ bool pwlPointsValid(int npoints, const double* x, const double* y) {
 
 }  // namespace
 
+int pendingAddQTerms(VRXmodel* model, int numqnz, const int* qrow, const int* qcol, const double* qval) {
+  VRXpending* p = nullptr;
+  int rc = pendingOpen(model, &p);
+  if (!rc) {
+    try {
+      rc = addQTerms(model, p, numqnz, qrow, qcol, qval);
+    } catch (const std::bad_alloc&) {
+      rc = VRX_ERROR_OUT_OF_MEMORY;
+    }
+  }
+  if (rc) pendingDiscard(model);
+  return rc;
+}
+
 }  // namespace vrx
 
 using namespace vrx;

@@ -22,6 +22,7 @@ VRXresult* resultCreate(VRXenv* env, int numVars, int numConstrs, int numQConstr
                        &r->kappaExact, &r->n2Kappa};
   for (double* s : scalars) *s = kNotAvailable;
   r->iisMinimal = -1;
+  r->spxMethod = -1;
   return r;
 }
 

@@ -68,6 +68,7 @@ struct VRXresult {
   double kappaExact;
   double n2Kappa;
   int solCount;
+  int spxMethod;  // the simplex method asked of the run that left the model's record, -1 none
 
   // Arrays are null when the solve did not produce them.
   double* x;

@@ -311,11 +311,12 @@ int dualisedPoint(VRXmodel* model, int method, Clock& clock, LPPoint& out, int* 
   return 0;
 }
 
-int lpSolveDualised(VRXmodel* model, int method, Clock& clock, DualisedSolve* out) {
+int lpSolveDualised(VRXmodel* model, int method, Clock& clock, DualisedSolve* out, bool bothForms) {
   out->handled = 0;
   out->status = 0;
   out->dualIters = 0;
   out->extraIters = 0;
+  out->winner = -1;
   VRXenv* env = model->env;
   const VRXmodeldata* d = model->data;
   const int n = d->numVars, m = d->numConstrs;
@@ -335,7 +336,8 @@ int lpSolveDualised(VRXmodel* model, int method, Clock& clock, DualisedSolve* ou
   int* rs = cs + n + 1;
   LPPoint pt{x, y, dd, cs, rs};
   int status = 0;
-  int rc = dualisedPoint(model, method, clock, pt, &status, &out->dualIters);
+  int rc = bothForms ? concurrentFormsPoint(model, method, clock, pt, &status, &out->dualIters, &out->winner)
+                     : dualisedPoint(model, method, clock, pt, &status, &out->dualIters);
   if (rc == VRX_ERROR_NOT_SUPPORTED) return 0;
   if (rc) return rc;
   out->handled = 1;
@@ -344,7 +346,9 @@ int lpSolveDualised(VRXmodel* model, int method, Clock& clock, DualisedSolve* ou
     return 0;
   }
   // A mapped basis that falls apart leaves the model to a cold solve.
-  rc = lpCleanupFrom(model, method, cs, rs, out->dualIters, "from dual to original model", clock, &out->extraIters);
+  // The model's own form leaves its optimal basis: the clean-up only confirms it.
+  const char* what = out->winner == 0 ? "for concurrent cleanup" : "from dual to original model";
+  rc = lpCleanupFrom(model, method, cs, rs, out->dualIters, what, clock, &out->extraIters);
   if (rc) return rc;
   if (out->extraIters < 0) {
     out->extraIters = 0;

@@ -61,18 +61,29 @@ int dualMapBack(const DualMap* map, const VRXmodeldata* primal, const LPPoint& d
 // counts the dual form's iterations. Returns 0, 10001, or 10024 (not an LP).
 int dualisedPoint(VRXmodel* model, int method, Clock& clock, LPPoint& out, int* status, double* iters);
 
+// The model and its dual form solved at once on two threads, each on a copy
+// with one thread and no output: the model by method on the caller's thread,
+// the dual form by 1 - method on a thread of its own. The first to end with a
+// final status stops the other. Fills out, *status and *iters as dualisedPoint
+// does, from the winner; *winner is 0 for the model, 1 for its dual form.
+// Returns 0, 10001, or 10024 (not an LP).
+int concurrentFormsPoint(VRXmodel* model, int method, Clock& clock, LPPoint& out, int* status, double* iters,
+                         int* winner);
+
 struct DualisedSolve {
   int handled;        // 0: not an LP; solve the model as it is
   int status;         // the outcome when no record was left, else 0
-  double dualIters;   // iterations on the dual form
+  double dualIters;   // iterations on the dual form (or on the winner of both forms)
   double extraIters;  // clean-up iterations on the model from the mapped basis
+  int winner;         // with both forms: 0 the model won, 1 its dual form; else -1
 };
 
-// The whole dualised solve of the LP driver: dualisedPoint, then the simplex
-// on model from the mapped basis with its "Extra ... from dual to original
-// model" line. When handled, model->lp holds the solved record, or, when the
-// dual form settled the model, no record and the status in out. 0 or an error.
-int lpSolveDualised(VRXmodel* model, int method, Clock& clock, DualisedSolve* out);
+// The whole dualised solve of the LP driver: dualisedPoint (with bothForms,
+// concurrentFormsPoint), then the simplex on model from the mapped basis with
+// its "Extra ... from dual to original model" line. When handled, model->lp
+// holds the solved record, or, when the dual form settled the model, no
+// record and the status in out. 0 or an error.
+int lpSolveDualised(VRXmodel* model, int method, Clock& clock, DualisedSolve* out, bool bothForms = false);
 
 // The dualisation decision of the LP driver for a model of m rows and n
 // columns: 0 solve as is, 1 solve the dual form (the simplex method flips),

@@ -37,6 +37,7 @@ int lpPresolveSolve(VRXmodel* model, int method, Clock& clock, PresolvedSolve* o
   out->status = 0;
   out->preIters = 0;
   out->extraIters = 0;
+  out->winner = -1;
   if (par.Presolve == 0) return 0;
   const VRXmodeldata* d = model->data;
   const int n = d->numVars, m = d->numConstrs;
@@ -75,12 +76,11 @@ int lpPresolveSolve(VRXmodel* model, int method, Clock& clock, PresolvedSolve* o
   if (pn == 0 && pm == 0) {
     log(env, "Presolve: All rows and columns removed\n");
   } else {
-    int choice = dualiseChoice(pd, par, method, par.Threads > 0 ? par.Threads : detectCores());
-    // Both forms at once needs the concurrent solve; until then the single-thread rule decides.
-    if (choice == 2) choice = static_cast<double>(pm) > 5.0 * pn && method != 2 ? 1 : 0;
-    if (choice == 1) {
+    const int choice = dualiseChoice(pd, par, method, par.Threads > 0 ? par.Threads : detectCores());
+    if (choice != 0) {
       int st = 0;
-      rc = dualisedPoint(pre, method, clock, pp, &st, &out->preIters);
+      rc = choice == 2 ? concurrentFormsPoint(pre, method, clock, pp, &st, &out->preIters, &out->winner)
+                       : dualisedPoint(pre, method, clock, pp, &st, &out->preIters);
       if (rc) return rc;
       if (st != 2) {
         out->handled = 1;

@@ -12,6 +12,7 @@ struct PresolvedSolve {
   int status;        // the outcome when no record was left (presolve proved it), else 0
   double preIters;   // iterations on the presolved model
   double extraIters; // clean-up iterations on the original
+  int winner;        // both forms raced: 0 the model's form won, 1 the dual form; else -1
 };
 
 // Runs steps 7 and 12 of the LP driver for method 0 (primal) or 1 (dual). When

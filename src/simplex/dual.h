@@ -54,7 +54,17 @@ struct VRXdualprice {
   double* candA;        // n+m: size of its pivot row entry in the direction of the step
   double* candC;        // n+m: its Cbar in that direction
   int* flipList;        // n+m: variables flipped by the last ratio test
+  double* flipDx;       // n+m: the move of each flipped variable
+  int* flipSeg;         // n+m: for a piecewise column the segment it lands on, else -1
+  int* flipStat;        // n+m: and its status there
   int flipCount;
+  int slotCap;          // length of the candidate arrays: n+m plus the segments of the terms
+  int* candSeg;         // the segment a candidate crosses (piecewise columns), else -1
+  int* candPrev;        // the candidate before it in its column's chain of break points, or -1
+  char* candPassed;     // 1 for the candidates the last ratio test passed
+  int* candOrder;       // the candidates in the order of the ratio test
+  int leaveSeg;         // a piecewise leaving column's segment after the step, or -1
+  double leaveShift;    // the rise of its slope to that segment
   double stepT;         // dual step of the last ratio test
   double flipObj;       // objective change of the last ratio test, solver units
   int dirSign;          // +1 the leaving variable goes to its lower bound, -1 to its upper
@@ -80,6 +90,7 @@ struct VRXdualprice {
   int atStart;          // the next compute is the first of the run: the box phase may start
   int needExactNorms;   // the next build is followed by exact weights
   double harrisTol;     // width of the Harris pass
+  int infeasFlips;      // flips made for rows whose pivots were all tiny, in this run
   int acceptSmall;      // every row was turned away for a small pivot: take the best now
   uint64_t seedBase;
 };
@@ -166,6 +177,12 @@ void dualScoreOne(VRXlp* lp, int p);
 // infeasible or the loop must refactor first (actionCode set), or an error code.
 template <class T>
 int VRXdualRatio(VRXlp* lp, Clock& clock);
+
+// A row whose pivots are all tiny, on the retry pass: the bounded candidates in `order`
+// [0, k) (slots of the ratio test's arrays) are flipped until they cover the row's
+// infeasibility, else a stricter factor is asked for, else the LP is infeasible. `left` is
+// the infeasibility that the passed break points leave. Returns 3 (actionCode or status set).
+int dualInfeasibleLookingRow(VRXlp* lp, const int* order, int k, double left);
 
 // ftran of the entering column, the flips, the updates of Cbar, Bbar, weights, factor and
 // basis. 0, 2 (numerical trouble beyond repair) or an error code.

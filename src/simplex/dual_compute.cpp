@@ -8,6 +8,7 @@
 #include "model/model.h"
 #include "model/modeldata.h"
 #include "simplex/dual.h"
+#include "simplex/pwl.h"
 
 namespace vrx {
 namespace dual {
@@ -241,6 +242,12 @@ void dualObjective(VRXlp* lp) {
     if (x == T(0)) continue;
     truth += T(lp->cost[j]) * x;
     work += (T(lp->cost[j]) + T(pr->costShift[j])) * x;
+  }
+  if (lp->pwl) {
+    // Each segment of a piecewise term is a line: its intercept joins the objective.
+    const T c = T(pwlIntercepts(lp));
+    truth += c;
+    work += c;
   }
   pr->objWork = static_cast<double>(work);
   lp->dualObj = static_cast<double>(truth) / lp->objScale + lp->objConst;
@@ -548,6 +555,8 @@ int VRXdualCompute(VRXlp* lp, Clock& clock) {
     }
   }
 
+  // Piecewise columns first go to the break point their reduced cost asks for.
+  if (lp->pwl && !pr->boxPhase) pwlSettle<T>(lp, v.Cbar);
   // Dual infeasibilities: flips where a bound allows, the box phase at a start, shifts later.
   int nonflip = 0;
   double worst = 0.0;
@@ -634,7 +643,8 @@ void VRXdualpriceFree(VRXlp* lp) {
   void* blocks[] = {pr->costShift, pr->dualNorm, pr->candList,  pr->score,    pr->scoreBuf,
                     pr->rowWeight, pr->colWeight, pr->boxLower, pr->boxUpper, pr->cand,
                     pr->candRatio, pr->candGain,  pr->flipList, pr->rowMark,  pr->touched,
-                    pr->candA,     pr->candC,     pr->storedNorm};
+                    pr->candA,     pr->candC,     pr->storedNorm, pr->flipDx,  pr->flipSeg,
+                    pr->flipStat,  pr->candSeg,   pr->candPrev,   pr->candPassed, pr->candOrder};
   for (void* p : blocks) vrx::envFree(env, p);
   vrx::envFree(env, pr);
   lp->pricing = nullptr;
@@ -647,6 +657,8 @@ int allocPricing(VRXlp* lp) {
   VRXenv* env = lp->env;
   const size_t nm = static_cast<size_t>(lp->n) + static_cast<size_t>(lp->m) + 1;
   const size_t m = static_cast<size_t>(lp->m) + 1;
+  // A piecewise column adds one break point per segment to the ratio test.
+  const size_t slots = nm + static_cast<size_t>(lp->pwl ? lp->pwl->segs : 0);
   auto* pr = envCallocArray<VRXdualprice>(env, 1);
   if (!pr) return VRX_ERROR_OUT_OF_MEMORY;
   lp->pricing = pr;
@@ -659,23 +671,32 @@ int allocPricing(VRXlp* lp) {
   pr->colWeight = envCallocArray<double>(env, nm);
   pr->boxLower = envCallocArray<double>(env, nm);
   pr->boxUpper = envCallocArray<double>(env, nm);
-  pr->cand = envCallocArray<int>(env, nm);
-  pr->candRatio = envCallocArray<double>(env, nm);
-  pr->candGain = envCallocArray<double>(env, nm);
-  pr->candA = envCallocArray<double>(env, nm);
-  pr->candC = envCallocArray<double>(env, nm);
+  pr->cand = envCallocArray<int>(env, slots);
+  pr->candRatio = envCallocArray<double>(env, slots);
+  pr->candGain = envCallocArray<double>(env, slots);
+  pr->candA = envCallocArray<double>(env, slots);
+  pr->candC = envCallocArray<double>(env, slots);
+  pr->candSeg = envCallocArray<int>(env, slots);
+  pr->candPrev = envCallocArray<int>(env, slots);
+  pr->candPassed = envCallocArray<char>(env, slots);
+  pr->candOrder = envCallocArray<int>(env, slots);
   pr->flipList = envCallocArray<int>(env, nm);
+  pr->flipDx = envCallocArray<double>(env, nm);
+  pr->flipSeg = envCallocArray<int>(env, nm);
+  pr->flipStat = envCallocArray<int>(env, nm);
   pr->rowMark = envCallocArray<char>(env, m);
   pr->touched = envCallocArray<int>(env, 2 * m);
   pr->storedNorm = envCallocArray<double>(env, nm);
   if (!pr->storedNorm || !pr->costShift || !pr->dualNorm || !pr->candList || !pr->score || !pr->scoreBuf || !pr->rowWeight ||
       !pr->colWeight || !pr->boxLower || !pr->boxUpper || !pr->cand || !pr->candRatio || !pr->candGain || !pr->candA || !pr->candC ||
-      !pr->flipList || !pr->rowMark || !pr->touched) {
+      !pr->flipList || !pr->rowMark || !pr->touched || !pr->flipDx || !pr->flipSeg || !pr->flipStat || !pr->candSeg ||
+      !pr->candPrev || !pr->candPassed || !pr->candOrder) {
     VRXdualpriceFree(lp);
     return VRX_ERROR_OUT_OF_MEMORY;
   }
   pr->nm = lp->n + lp->m;
   pr->mAlloc = lp->m;
+  pr->slotCap = static_cast<int>(slots);
   for (int p = 0; p < lp->m; p++) pr->dualNorm[p] = 1.0;
   return 0;
 }
@@ -740,7 +761,9 @@ int VRXdualPrepare(VRXlp* lp, int startStatus, double* work) {
   VRXenv* env = lp->env;
   const vrx::ParamStore& par = env->par;
   const int m = lp->m, n = lp->n;
-  if (lp->pricing && (lp->pricing->nm != n + m || lp->pricing->mAlloc != m)) VRXdualpriceFree(lp);
+  if (lp->pricing && (lp->pricing->nm != n + m || lp->pricing->mAlloc != m ||
+                      lp->pricing->slotCap < n + m + 1 + (lp->pwl ? lp->pwl->segs : 0)))
+    VRXdualpriceFree(lp);
   // Weights are the record's own only after a run prepared it (stored norms may have made it).
   const bool fresh = lp->pricing == nullptr || !lp->pricing->prepared;
   if (!lp->pricing) {
@@ -842,6 +865,7 @@ int VRXdualPrepare(VRXlp* lp, int startStatus, double* work) {
   pr->cleanupRounds = 0;
   pr->smallPivotRejects = 0;
   pr->acceptSmall = 0;
+  pr->infeasFlips = 0;
   pr->harrisTol = lp->optTol;
   pr->lastTestIter = lp->iterCount;
   pr->lastTestDegen = 0;

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "simplex/dual.h"
+#include "simplex/pwl.h"
 
 namespace vrx {
 namespace dual {
@@ -304,7 +305,149 @@ int passablePrefix(VRXdualprice* pr, int* order, int k, double* slope) {
   return lo;
 }
 
+// The break points of piecewise column j in the ratio test, appended from slot k: a chain
+// of segments in the direction the step moves the column, each reached once the reduced
+// cost of the segment before has run out. a is the entry in the direction of the step
+// (a < 0: the current reading's Cbar c falls). Returns the new slot count.
+int pwlChain(VRXlp* lp, VRXdualprice* pr, int j, double a, double c, int k) {
+  const VRXpwlobj* w = lp->pwl;
+  const int t = w->termOf[j];
+  const int b = w->beg[t], e = w->beg[t + 1], cur = w->seg[t];
+  const bool atLower = lp->varStat[j] == VRX_VS_LOWER;
+  int s = cur, step;
+  if (a < -kCandTol) {
+    step = atLower ? 1 : -1;
+  } else if (a > kCandTol) {
+    // The other reading of the break point falls: the neighbour on that side.
+    step = atLower ? -1 : 1;
+    s = cur + step;
+    if (s < b || s >= e) return k;
+    c = std::fabs(w->slope[s] - w->slope[cur]) - c;
+    a = -a;
+  } else {
+    return k;
+  }
+  const double size = -a;
+  int prev = -1;
+  for (; s >= b && s < e; s += step) {
+    if (prev >= 0) c += std::fabs(w->slope[s] - w->slope[s - step]);
+    const double width = w->right[s] - w->left[s];
+    pr->cand[k] = j;
+    pr->candA[k] = size;
+    pr->candC[k] = c;
+    pr->candRatio[k] = std::max(c, 0.0) / size;
+    pr->candGain[k] = width < kInf ? width * size : kNoPass;
+    pr->candSeg[k] = s;
+    pr->candPrev[k] = prev;
+    prev = k++;
+    if (!(width < kInf)) break;
+  }
+  return k;
+}
+
+// The break points of a piecewise leaving column j at value x: the segments beyond the
+// one it is basic on, toward x. On each its target bound moves out by the segment's width,
+// once the step has raised its reduced cost by the rise of the slope; the segment that
+// holds x cannot be passed (the row is then feasible). Appended from slot k.
+int pwlOwnChain(VRXlp* lp, VRXdualprice* pr, int j, double x, int dir, int k) {
+  const VRXpwlobj* w = lp->pwl;
+  const int t = w->termOf[j];
+  const int b = w->beg[t], e = w->beg[t + 1];
+  const int step = dir < 0 ? 1 : -1;
+  double c = 0.0;
+  int prev = -1;
+  for (int s = w->seg[t] + step; s >= b && s < e; s += step) {
+    c += std::fabs(w->slope[s] - w->slope[s - step]);
+    const double width = w->right[s] - w->left[s];
+    const bool holds = !(width < kInf) || (step > 0 ? x <= w->right[s] : x >= w->left[s]);
+    pr->cand[k] = j;
+    pr->candA[k] = 1.0;
+    pr->candC[k] = c;
+    pr->candRatio[k] = c;
+    pr->candGain[k] = holds ? kNoPass : width;
+    pr->candSeg[k] = s;
+    pr->candPrev[k] = prev;
+    prev = k++;
+    if (holds) break;
+  }
+  return k;
+}
+
+// Where the passed break points leave piecewise column j (the chain's last passed slot
+// `last`, or -1), or where it enters (enterSlot >= 0): its new segment, status and move,
+// appended to the flip list at nf. Returns the new flip count.
+int pwlLanding(VRXlp* lp, VRXdualprice* pr, int j, int last, int enterSlot, int nf) {
+  const VRXpwlobj* w = lp->pwl;
+  const int t = w->termOf[j];
+  const int b = w->beg[t], e = w->beg[t + 1], cur = w->seg[t];
+  const int st = lp->varStat[j];
+  const double x0 = st == VRX_VS_UPPER ? w->right[cur] : w->left[cur];
+  const int ref = enterSlot >= 0 ? enterSlot : last;
+  const int sr = pr->candSeg[ref];
+  const bool right = sr != cur ? sr > cur : st == VRX_VS_LOWER;
+  int seg, stat;
+  double x;
+  if (enterSlot >= 0) {
+    // It enters on its segment from the near end.
+    seg = sr;
+    stat = right ? VRX_VS_LOWER : VRX_VS_UPPER;
+    x = right ? w->left[seg] : w->right[seg];
+  } else if (right) {
+    x = w->right[sr];
+    seg = sr + 1 < e ? sr + 1 : sr;
+    stat = seg == sr ? VRX_VS_UPPER : VRX_VS_LOWER;
+  } else {
+    x = w->left[sr];
+    seg = sr - 1 >= b ? sr - 1 : sr;
+    stat = seg == sr ? VRX_VS_LOWER : VRX_VS_UPPER;
+  }
+  if (seg == cur && stat == st) return nf;
+  pr->flipList[nf] = j;
+  pr->flipDx[nf] = x - x0;
+  pr->flipSeg[nf] = seg;
+  pr->flipStat[nf] = stat;
+  return nf + 1;
+}
+
 }  // namespace
+
+int dualInfeasibleLookingRow(VRXlp* lp, const int* order, int k, double left) {
+  VRXdualprice* pr = lp->pricing;
+  const double inf = pr->leaveInfeas;
+  const double feasTol = lp->feasTol;
+  if (pr->infeasFlips < 10 && (lp->endFactor || left <= 100.0 * feasTol)) {
+    // Flipping bounded columns in break-point order moves the row toward its bound; a
+    // shift keeps each flipped column dual feasible, else the next compute flips it back.
+    double covered = 0.0;
+    int nf = 0;
+    for (int s = 0; s < k && covered < inf; s++) {
+      const int slot = order[s];
+      if (pr->candGain[slot] >= kNoPass || pr->candSeg[slot] >= 0) continue;
+      covered += pr->candGain[slot];
+      pr->flipList[nf++] = slot;
+    }
+    if (covered >= inf) {
+      for (int s = 0; s < nf; s++) {
+        const int slot = pr->flipList[s];
+        const int j = pr->cand[slot];
+        lp->varStat[j] = lp->varStat[j] == VRX_VS_LOWER ? VRX_VS_UPPER : VRX_VS_LOWER;
+        if (pr->candC[slot] > 0.0) dualShift(lp, j, pr->candC[slot]);
+      }
+      pr->infeasFlips++;
+      lp->actionCode = 5;
+      return 3;
+    }
+  }
+  if (inf < 10.0 * feasTol && lp->markowitzTol <= 0.3) {
+    // A tiny infeasibility on a row of tiny pivots: a stricter factor decides.
+    lp->markowitzTol = 0.5;
+    lp->actionCode = 5;
+    return 3;
+  }
+  lp->status = 3;
+  lp->phase = 2;
+  return 3;
+}
 
 template <class T>
 int VRXdualRatio(VRXlp* lp, Clock& clock) {
@@ -317,6 +460,7 @@ int VRXdualRatio(VRXlp* lp, Clock& clock) {
   lp->enterVar = -1;
   lp->leaveVar = leave;
   pr->flipCount = 0;
+  pr->leaveSeg = -1;
 
   const double x = static_cast<double>(v.Bbar[r]);
   const double lo = pr->lo[leave], up = pr->up[leave];
@@ -345,6 +489,8 @@ int VRXdualRatio(VRXlp* lp, Clock& clock) {
   const double harrisTol = pr->harrisTol > 0.0 ? std::min(pr->harrisTol, optTol) : optTol;
   const double inf = lp->infBound;
   int k = 0;
+  // Piecewise columns give a chain of break points each, except in the box phase.
+  const bool pieces = lp->pwl && !pr->boxPhase;
   bool tinyUnbounded = false;  // a helpful entry below kCandTol on an unbounded variable
   double harrisAll = kNoPass;  // Harris bound over every break point
   double* candA = pr->candA;   // -a: the size of the entry in the direction of the step
@@ -357,6 +503,13 @@ int VRXdualRatio(VRXlp* lp, Clock& clock) {
     if (lj == uj) continue;
     double a = dir * signOf(st) * static_cast<double>(row->value[j]);
     double c = static_cast<double>(Cbar[j]);
+    if (pieces && pwlColumn(lp, j) && st != VRX_VS_FREE) {
+      const int k0 = k;
+      k = pwlChain(lp, pr, j, a, c, k);
+      for (int s = k0; s < k; s++)
+        harrisAll = std::min(harrisAll, std::max(0.0, candC[s] + harrisTol) / candA[s]);
+      continue;
+    }
     bool turned = false;  // a free column taken from above: its Cbar counts negated
     if (st == VRX_VS_FREE && a > 0) {
       a = -a;
@@ -375,6 +528,8 @@ int VRXdualRatio(VRXlp* lp, Clock& clock) {
       c = 0.0;
     }
     pr->cand[k] = j;
+    pr->candSeg[k] = -1;
+    pr->candPrev[k] = -1;
     candA[k] = -a;
     candC[k] = c;
     pr->candRatio[k] = std::max(c, 0.0) / -a;
@@ -383,10 +538,15 @@ int VRXdualRatio(VRXlp* lp, Clock& clock) {
     harrisAll = std::min(harrisAll, std::max(0.0, c + harrisTol) / -a);
     k++;
   }
+  if (pieces && pwlColumn(lp, leave)) {
+    const int k0 = k;
+    k = pwlOwnChain(lp, pr, leave, x, dir, k);
+    for (int s = k0; s < k; s++) harrisAll = std::min(harrisAll, candC[s] + harrisTol);
+  }
   clock.work += 3.0 * row->count * lp->workFactor;
 
   // Which slots can be passed: the quick answer when the first Harris group stops the slope.
-  int* order = lp->candidateBuf;
+  int* order = pr->candOrder;
   for (int s = 0; s < k; s++) order[s] = s;
   double slope = delta;
   int nFlip = 0;
@@ -438,17 +598,21 @@ int VRXdualRatio(VRXlp* lp, Clock& clock) {
       harris = std::min(harris, std::max(0.0, candC[slot] + harrisTol) / candA[slot]);
     }
   }
+  // A piecewise break point can enter only once the one before it in its chain is passed.
+  char* passed = pr->candPassed;
+  for (int s = 0; s < nFlip; s++) passed[order[s]] = 1;
+  auto reachable = [&](int slot) { return pr->candPrev[slot] < 0 || passed[pr->candPrev[slot]]; };
   double maxA = 0.0;
   for (int s = nFlip; s < k; s++) {
     const int slot = order[s];
-    if (pr->candRatio[slot] <= harris) maxA = std::max(maxA, candA[slot]);
+    if (pr->candRatio[slot] <= harris && reachable(slot)) maxA = std::max(maxA, candA[slot]);
   }
   // Among pivots of similar size the shorter column wins: the factor stays sparse.
   int q = -1, qSlot = -1;
   double bestScore = -1.0;
   for (int s = nFlip; s < k; s++) {
     const int slot = order[s];
-    if (pr->candRatio[slot] > harris || candA[slot] < 0.1 * maxA) continue;
+    if (pr->candRatio[slot] > harris || candA[slot] < 0.1 * maxA || !reachable(slot)) continue;
     const int j = pr->cand[slot];
     const double len = j < n ? std::max(1, lp->colLen[j]) : 0.5;
     const double score = candA[slot] / len;
@@ -458,6 +622,7 @@ int VRXdualRatio(VRXlp* lp, Clock& clock) {
       qSlot = slot;
     }
   }
+  for (int s = 0; s < nFlip; s++) passed[order[s]] = 0;
   if (q < 0) {
     lp->actionCode = 6;
     return 3;
@@ -488,7 +653,7 @@ int VRXdualRatio(VRXlp* lp, Clock& clock) {
     int alt = -1;
     for (int s = 0; s < nFlip; s++) {
       const int slot = order[s];
-      if (candA[slot] >= 10.0 * aq && (alt < 0 || candA[slot] > candA[alt])) alt = slot;
+      if (candA[slot] >= 10.0 * aq && pr->candSeg[slot] < 0 && (alt < 0 || candA[slot] > candA[alt])) alt = slot;
     }
     if (alt >= 0) {
       qSlot = alt;
@@ -498,11 +663,8 @@ int VRXdualRatio(VRXlp* lp, Clock& clock) {
       log(lp->env, "switch to primal because the chance of primal infeasibility\n");
       lp->status = -1004;
       return 3;
-    } else if (delta < 10.0 * lp->feasTol && lp->markowitzTol <= 0.3) {
-      // A tiny infeasibility on a row of tiny pivots: a stricter factor decides.
-      lp->markowitzTol = 0.5;
-      lp->actionCode = 5;
-      return 3;
+    } else {
+      return dualInfeasibleLookingRow(lp, order, k, slope);
     }
   }
 
@@ -524,12 +686,51 @@ int VRXdualRatio(VRXlp* lp, Clock& clock) {
   double objGain = delta * step;
   int nf = 0;
   if (zeroStep) nFlip = 0;
+  VRXpwlobj* w = lp->pwl;
+  if (w) w->movedCount = 0;
+  int ownLast = -1;  // the furthest passed break point of a piecewise leaving column
   for (int s = 0; s < nFlip; s++) {
     const int slot = order[s];
     if (slot == qSlot) continue;
+    const int j = pr->cand[slot];
+    if (j == leave) {
+      if (ownLast < 0 || pr->candRatio[slot] > pr->candRatio[ownLast]) ownLast = slot;
+      objGain -= pr->candGain[slot] * (step - pr->candRatio[slot]);
+      continue;
+    }
+    if (pr->candSeg[slot] >= 0) {
+      // A piecewise column moves once, to where its furthest passed break point leaves it.
+      const int t = w->termOf[j];
+      if (w->lastPassed[t] < 0) w->moved[w->movedCount++] = t;
+      if (w->lastPassed[t] < 0 || pr->candRatio[slot] > pr->candRatio[w->lastPassed[t]]) w->lastPassed[t] = slot;
+      objGain -= pr->candGain[slot] * (step - pr->candRatio[slot]);
+      continue;
+    }
     if (lp->nonDegenFlip == 1 && candC[slot] > step * candA[slot] - 0.001 * optTol) continue;
-    pr->flipList[nf++] = pr->cand[slot];
+    pr->flipList[nf] = j;
+    pr->flipDx[nf] = lp->varStat[j] == VRX_VS_LOWER ? pr->up[j] - pr->lo[j] : pr->lo[j] - pr->up[j];
+    pr->flipSeg[nf] = -1;
+    nf++;
     objGain -= pr->candGain[slot] * (step - pr->candRatio[slot]);
+  }
+  if (w && pieces) {
+    const bool qPiece = pr->candSeg[qSlot] >= 0;
+    for (int u = 0; u < w->movedCount; u++) {
+      const int t = w->moved[u];
+      const int j = w->col[t];
+      if (!(qPiece && j == q)) nf = pwlLanding(lp, pr, j, w->lastPassed[t], -1, nf);
+      w->lastPassed[t] = -1;
+    }
+    if (qPiece && q != leave) nf = pwlLanding(lp, pr, q, -1, qSlot, nf);
+  }
+  // The leaving column ends on the segment of its last passed break point, or, when its
+  // own break point stops the step, stays basic on that segment.
+  pr->leaveSeg = -1;
+  pr->leaveShift = 0.0;
+  const int ownSlot = q == leave ? qSlot : ownLast;
+  if (ownSlot >= 0) {
+    pr->leaveSeg = pr->candSeg[ownSlot];
+    pr->leaveShift = candC[ownSlot];
   }
   pr->flipCount = nf;
   pr->flipObj = objGain;
@@ -537,6 +738,157 @@ int VRXdualRatio(VRXlp* lp, Clock& clock) {
   lp->pivotRow = static_cast<double>(row->value[q]);
   return 0;
 }
+
+namespace {
+
+// Bbar -= scale * w over the positions of w, each appended once to pr->touched.
+template <class T>
+void bbarMinus(VRXlp* lp, View<T>& v, const VRXsvecT<T>* w, T scale, int* nt) {
+  VRXdualprice* pr = lp->pricing;
+  auto one = [&](int p) {
+    v.Bbar[p] -= scale * w->value[p];
+    if (!pr->rowMark[p]) {
+      pr->rowMark[p] = 1;
+      pr->touched[(*nt)++] = p;
+    }
+  };
+  if (w->count >= 0) {
+    for (int t = 0; t < w->count; t++) one(w->index[t]);
+  } else {
+    for (int p = 0; p < lp->m; p++)
+      if (w->value[p] != T(0)) one(p);
+  }
+}
+
+// The bound flips of the last ratio test through one ftran into Bbar; the positions that
+// change are appended to pr->touched (marked in pr->rowMark) from *nt.
+template <class T>
+int flipsToBbar(VRXlp* lp, Clock& clock, View<T>& v, int* nt) {
+  VRXdualprice* pr = lp->pricing;
+  const int n = lp->n, m = lp->m;
+  VRXfactorT<T>* f = v.factor;
+  char* mark = pr->rowMark;
+  const int nf = pr->flipCount;
+  if (nf > 0) {
+    VRXsvecT<T>* w = v.w2;
+    clearVec(w, n + m + 1);
+    int64_t flipNz = 0;
+    for (int s = 0; s < nf; s++) {
+      const int j = pr->flipList[s];
+      flipNz += j < n ? lp->colLen[j] : 1;
+    }
+    const bool dense = flipNz > m / 2;
+    int wc = 0;
+    auto add = [&](int i, T x) {
+      if (!dense && !mark[i]) {
+        mark[i] = 1;
+        w->index[wc++] = i;
+      }
+      w->value[i] += x;
+    };
+    for (int s = 0; s < nf; s++) {
+      const int j = pr->flipList[s];
+      const T dx = T(pr->flipDx[s]);
+      if (dx == T(0)) continue;
+      if (j < n) {
+        for (int64_t k = lp->colBeg[j], e = k + lp->colLen[j]; k < e; k++) add(lp->rowInd[k], T(lp->val[k]) * dx);
+      } else {
+        add(j - n, dx);
+      }
+    }
+    if (dense) {
+      w->count = -1;
+    } else {
+      for (int t = 0; t < wc; t++) {
+        mark[w->index[t]] = 0;
+        if (w->value[w->index[t]] == T(0)) w->value[w->index[t]] = T(1e-100);
+      }
+      w->count = wc;
+    }
+    clock.work += 2.0 * static_cast<double>(flipNz) * lp->workFactor;
+    if (int rc = VRXftran(f, w, w, 0, 0, &clock.work)) return rc;
+    bbarMinus<T>(lp, v, w, T(1), nt);
+    clearVec(w, m);
+  }
+  return 0;
+}
+
+// The dual step on the reduced costs of the nonbasic variables, then the flipped ones on
+// their new bound or segment.
+template <class T>
+void stepDuals(VRXlp* lp, View<T>& v) {
+  VRXdualprice* pr = lp->pricing;
+  const int dir = pr->dirSign;
+  const int nf = pr->flipCount;
+  const T* rowv = v.row->value;
+  // Duals: Cbar_j moves by step * dir * sign * alpha_j; flipped columns turn their sign.
+  const T step = T(pr->stepT);
+  const VRXsvecT<T>* row = v.row;
+  if (step != T(0)) {
+    for (int t = 0; t < row->count; t++) {
+      const int j = row->index[t];
+      const int st = lp->varStat[j];
+      if (st >= 0) continue;
+      const T a = rowv[j];
+      v.Cbar[j] += (signOf(st) * dir > 0) ? step * a : -step * a;
+    }
+  }
+  for (int s = 0; s < nf; s++) {
+    const int j = pr->flipList[s];
+    const int seg = pr->flipSeg[s];
+    if (seg < 0) {
+      lp->varStat[j] = lp->varStat[j] == VRX_VS_LOWER ? VRX_VS_UPPER : VRX_VS_LOWER;
+      v.Cbar[j] = -v.Cbar[j];
+      continue;
+    }
+    // A piecewise column on another segment: its reduced cost moves by the change of slope.
+    VRXpwlobj* w = lp->pwl;
+    const int t = w->termOf[j];
+    const T raw = T(signOf(lp->varStat[j])) * v.Cbar[j] + T(w->slope[seg]) - T(w->slope[w->seg[t]]);
+    pwlSetSegment(lp, t, seg);
+    lp->varStat[j] = pr->flipStat[s];
+    v.Cbar[j] = T(signOf(pr->flipStat[s])) * raw;
+  }
+}
+
+// The objective along the step, the iteration count.
+void finishStep(VRXlp* lp) {
+  VRXdualprice* pr = lp->pricing;
+  pr->objWork += pr->flipObj;
+  if (!pr->shiftsInForce && !pr->boxPhase) {
+    lp->dualObj = pr->objWork / lp->objScale + lp->objConst;
+    lp->dualObjValid = 1;
+  } else {
+    lp->dualObjValid = 0;
+  }
+  lp->iterCount += 1.0;
+  lp->workIter += 1.0 + pr->flipCount;
+}
+
+// A piecewise leaving column whose own break point stops the step: the basis stays, the
+// flips and the dual step apply, and the column stays basic on that break point's segment
+// (its slope rose by the step, so its reduced cost stays 0).
+template <class T>
+int dualSelfStep(VRXlp* lp, Clock& clock, View<T>& v) {
+  VRXdualprice* pr = lp->pricing;
+  const int r = lp->leaveRow;
+  int nt = 0;
+  if (int rc = flipsToBbar<T>(lp, clock, v, &nt)) return rc;
+  stepDuals<T>(lp, v);
+  pwlSetSegment(lp, lp->pwl->termOf[lp->leaveVar], pr->leaveSeg);
+  int* touched = pr->touched;
+  char* mark = pr->rowMark;
+  if (!mark[r]) touched[nt++] = r;
+  for (int t = 0; t < nt; t++) {
+    mark[touched[t]] = 0;
+    dualScoreOne<T>(lp, touched[t]);
+  }
+  pr->touchedCount = nt;
+  finishStep(lp);
+  return 0;
+}
+
+}  // namespace
 
 template <class T>
 int VRXdualPivot(VRXlp* lp, Clock& clock) {
@@ -548,6 +900,7 @@ int VRXdualPivot(VRXlp* lp, Clock& clock) {
   const int leave = f->basisHead[r];
   const int dir = pr->dirSign;
   const T* rowv = v.row->value;
+  if (q == leave) return dualSelfStep<T>(lp, clock, v);
 
   // Entering column, by position; its spike is kept for the update.
   VRXsvecT<T>* col = v.col;
@@ -628,111 +981,19 @@ int VRXdualPivot(VRXlp* lp, Clock& clock) {
   int* touched = pr->touched;
   int nt = 0;
   char* mark = pr->rowMark;
-
-  // Bound flips through one ftran.
-  const int nf = pr->flipCount;
-  if (nf > 0) {
-    VRXsvecT<T>* w = v.w2;
-    clearVec(w, n + m + 1);
-    int64_t flipNz = 0;
-    for (int s = 0; s < nf; s++) {
-      const int j = pr->flipList[s];
-      flipNz += j < n ? lp->colLen[j] : 1;
-    }
-    const bool dense = flipNz > m / 2;
-    int wc = 0;
-    auto add = [&](int i, T x) {
-      if (!dense && !mark[i]) {
-        mark[i] = 1;
-        w->index[wc++] = i;
-      }
-      w->value[i] += x;
-    };
-    for (int s = 0; s < nf; s++) {
-      const int j = pr->flipList[s];
-      const int st = lp->varStat[j];
-      const T dx = st == VRX_VS_LOWER ? T(pr->up[j]) - T(pr->lo[j]) : T(pr->lo[j]) - T(pr->up[j]);
-      if (j < n) {
-        for (int64_t k = lp->colBeg[j], e = k + lp->colLen[j]; k < e; k++) add(lp->rowInd[k], T(lp->val[k]) * dx);
-      } else {
-        add(j - n, dx);
-      }
-    }
-    if (dense) {
-      w->count = -1;
-    } else {
-      for (int t = 0; t < wc; t++) {
-        mark[w->index[t]] = 0;
-        if (w->value[w->index[t]] == T(0)) w->value[w->index[t]] = T(1e-100);
-      }
-      w->count = wc;
-    }
-    clock.work += 2.0 * static_cast<double>(flipNz) * lp->workFactor;
-    rc = VRXftran(f, w, w, 0, 0, &clock.work);
-    if (rc) return rc;
-    if (w->count >= 0) {
-      for (int t = 0; t < w->count; t++) {
-        const int p = w->index[t];
-        v.Bbar[p] -= w->value[p];
-        if (!mark[p]) {
-          mark[p] = 1;
-          touched[nt++] = p;
-        }
-      }
-    } else {
-      for (int p = 0; p < m; p++) {
-        if (w->value[p] == T(0)) continue;
-        v.Bbar[p] -= w->value[p];
-        if (!mark[p]) {
-          mark[p] = 1;
-          touched[nt++] = p;
-        }
-      }
-    }
-    clearVec(w, m);
-  }
-
-  // Duals: Cbar_j moves by step * dir * sign * alpha_j; flipped columns turn their sign.
+  if ((rc = flipsToBbar<T>(lp, clock, v, &nt))) return rc;
+  stepDuals<T>(lp, v);
   const T step = T(pr->stepT);
-  const VRXsvecT<T>* row = v.row;
-  if (step != T(0)) {
-    for (int t = 0; t < row->count; t++) {
-      const int j = row->index[t];
-      const int st = lp->varStat[j];
-      if (st >= 0) continue;
-      const T a = rowv[j];
-      v.Cbar[j] += (signOf(st) * dir > 0) ? step * a : -step * a;
-    }
-  }
-  for (int s = 0; s < nf; s++) {
-    const int j = pr->flipList[s];
-    lp->varStat[j] = lp->varStat[j] == VRX_VS_LOWER ? VRX_VS_UPPER : VRX_VS_LOWER;
-    v.Cbar[j] = -v.Cbar[j];
-  }
+
+  // A piecewise leaving column that passed break points of its own leaves on a farther
+  // segment.
+  if (pr->leaveSeg >= 0) pwlSetSegment(lp, lp->pwl->termOf[leave], pr->leaveSeg);
 
   // Primal step: the leaving variable reaches its bound, the entering one takes its place.
   const T target = dir > 0 ? T(pr->lo[leave]) : T(pr->up[leave]);
   const T thetaP = (v.Bbar[r] - target) / alphaC;
   const T enterValue = nonbasicValue<T>(lp, pr, q) + thetaP;
-  if (col->count >= 0) {
-    for (int t = 0; t < col->count; t++) {
-      const int p = col->index[t];
-      v.Bbar[p] -= thetaP * col->value[p];
-      if (!mark[p]) {
-        mark[p] = 1;
-        touched[nt++] = p;
-      }
-    }
-  } else {
-    for (int p = 0; p < m; p++) {
-      if (col->value[p] == T(0)) continue;
-      v.Bbar[p] -= thetaP * col->value[p];
-      if (!mark[p]) {
-        mark[p] = 1;
-        touched[nt++] = p;
-      }
-    }
-  }
+  bbarMinus<T>(lp, v, col, thetaP, &nt);
   v.Bbar[r] = enterValue;
   if (!mark[r]) {
     mark[r] = 1;
@@ -742,6 +1003,7 @@ int VRXdualPivot(VRXlp* lp, Clock& clock) {
 
   // Weights.
   double* w = pr->dualNorm;
+  bool devexReset = false;
   const double ac = aC;
   if (dse) {
     const double t = static_cast<double>(tau);
@@ -762,24 +1024,26 @@ int VRXdualPivot(VRXlp* lp, Clock& clock) {
     clearVec(sig, m);
     pr->normNum += f->solveWork + clock.work - normWork0 + colCount;
   } else if (lp->priceMode == 2) {
-    const double wr = std::max(w[r] / (ac * ac), 1.0);
-    auto upd = [&](int p) {
-      if (p == r) return;
-      const double ratio = static_cast<double>(col->value[p]) / ac;
-      w[p] = std::max(w[p], ratio * ratio * w[r]);
-    };
-    if (col->count >= 0) {
-      for (int k = 0; k < col->count; k++) upd(col->index[k]);
+    if (lp->devexWork <= 30.0 * m) {
+      lp->devexWork += m / 50.0 + colCount;
+      // tau counts only the rows outside the reference framework.
+      const double qd = static_cast<double>(tau) / (ac * ac);
+      auto upd = [&](int p) {
+        if (p == r) return;
+        const double a = static_cast<double>(col->value[p]);
+        w[p] = std::max(w[p], qd * a * a);
+      };
+      if (col->count >= 0) {
+        for (int k = 0; k < col->count; k++) upd(col->index[k]);
+      } else {
+        for (int p = 0; p < m; p++)
+          if (col->value[p] != T(0)) upd(p);
+      }
+      if (ac * ac < static_cast<double>(tau)) w[r] = qd;
     } else {
-      for (int p = 0; p < m; p++)
-        if (col->value[p] != T(0)) upd(p);
-    }
-    w[r] = wr;
-    lp->devexWork += m / 50.0 + colCount;
-    if (lp->devexWork > 30.0 * m) {
+      // The weights drifted too far from the framework: a new one after the basis change.
       lp->devexWork = 0.0;
-      dualResetNorms(lp);
-      dualMarkReference(lp);
+      devexReset = true;
     }
   }
   pr->updatesSinceNorm++;
@@ -807,9 +1071,13 @@ int VRXdualPivot(VRXlp* lp, Clock& clock) {
   lp->varStat[q] = r;
   lp->varStat[leave] = newStat;
   v.Cbar[q] = T(0);
-  v.Cbar[leave] = signOf(newStat) < 0 ? -dLeave : dLeave;
+  v.Cbar[leave] = (signOf(newStat) < 0 ? -dLeave : dLeave) - T(pr->leaveSeg >= 0 ? pr->leaveShift : 0.0);
   if (leave < n) VRXlpRowSwap(lp, leave, 1, 1.0);
   if (q < n) VRXlpRowSwap(lp, q, -1, 0.0);
+  if (devexReset) {
+    dualResetNorms(lp);
+    dualMarkReference(lp);
+  }
 
   // Infeasibilities of the positions that moved.
   for (int t = 0; t < nt; t++) {
@@ -819,15 +1087,7 @@ int VRXdualPivot(VRXlp* lp, Clock& clock) {
   }
   pr->touchedCount = nt;
 
-  pr->objWork += pr->flipObj;
-  if (!pr->shiftsInForce && !pr->boxPhase) {
-    lp->dualObj = pr->objWork / lp->objScale + lp->objConst;
-    lp->dualObjValid = 1;
-  } else {
-    lp->dualObjValid = 0;
-  }
-  lp->iterCount += 1.0;
-  lp->workIter += 1.0 + nf;
+  finishStep(lp);
   return 0;
 }
 

@@ -7,6 +7,7 @@
 #include "model/modeldata.h"
 #include "simplex/dual.h"
 #include "simplex/lp.h"
+#include "simplex/pwl.h"
 #include "simplex/primal.h"
 
 namespace {
@@ -297,7 +298,7 @@ void VRXlpFree(VRXlp** lpP) {
   VRXsvecQ* vq[] = {&lp->alphaRowQ, &lp->alphaColQ, &lp->rhoQ,   &lp->scratch1Q,
                     &lp->scratch2Q, &lp->extra1Q,   &lp->extra2Q};
   for (VRXsvecQ* v : vq) vrx::svecFree(env, v);
-  // pwl, like pricing, waits for its owner's free routine; nothing creates it yet.
+  vrx::pwlFree(lp);
   if (lp->ownsCopy) vrx::modelDataFree(env, lp->copy);
   envFree(env, lp);
   *lpP = nullptr;

@@ -8,6 +8,7 @@
 #include "model/model.h"
 #include "model/modeldata.h"
 #include "simplex/lp.h"
+#include "simplex/pwl.h"
 
 namespace vrx {
 
@@ -476,9 +477,9 @@ int VRXlpSetup(VRXmodel* model, int method, double* work, const VRXlpSetupOpts* 
   VRXenv* env = model->env;
   const ParamStore& par = env->par;
   if (work) *work += 50.0;
-  // The working LP has no piecewise-linear record (the LP driver solves the pieces' LP
-  // form instead): solving without the terms would answer a different problem.
-  if (model->data && model->data->numPWLObjVars > 0) {
+  // Piecewise-linear terms live in the working LP of the primal and the dual; crossover
+  // takes the LP form of the terms, and solving without them would answer another problem.
+  if (model->data && model->data->numPWLObjVars > 0 && method != 0 && method != 1) {
     VRXlpFreeOnModel(model);
     return raise(env, VRX_ERROR_NOT_SUPPORTED, true,
                  "Piecewise-linear objectives cannot be solved by the simplex of this build");
@@ -549,6 +550,13 @@ int VRXlpSetup(VRXmodel* model, int method, double* work, const VRXlpSetupOpts* 
     }
     if (!d->rowBeg && (rc = buildRowCopy(env, d))) return fail(rc);
     attachCopy(lp);
+  }
+
+  // The terms' segments replace the copy's cost and bounds of their columns.
+  if (pwl) {
+    if ((rc = pwlSetup(lp, model->data))) return fail(rc);
+  } else {
+    pwlFree(lp);
   }
 
   // Every solve on the record starts by building the factor.

@@ -17,6 +17,8 @@
 #include "simplex/dual.h"
 #include "simplex/lp.h"
 #include "simplex/primal.h"
+#include "simplex/pwl.h"
+#include "simplex/qpsd.h"
 #include "simplex/simplex.h"
 
 namespace vrx {
@@ -37,15 +39,42 @@ int modelBasisCode(int vs) {
   }
 }
 
+// Which parts of the warm-start record a fresh record can start from.
+struct StartParts {
+  bool basis;   // a checked basis of the model's shape
+  bool values;  // PStart complete
+  bool duals;   // DStart complete
+};
+
+bool completeVector(const double* v, int count) {
+  for (int k = 0; k < count; ++k)
+    if (!(std::fabs(v[k]) < kInf)) return false;
+  return true;
+}
+
+StartParts startParts(const VRXmodel* model) {
+  StartParts sp{false, false, false};
+  const auto* ws = static_cast<const VRXwarmstart*>(model->warmStart);
+  const VRXmodeldata* d = model->data;
+  const int n = d->numVars, m = d->numConstrs;
+  if (!ws || ws->size != n + m || ws->columnCount != n) return sp;
+  sp.basis = ws->basisState == 2 && ws->basis;
+  // A partial start (state 3) keeps the half that is complete.
+  if (ws->start && (ws->startState == 2 || ws->startState == 3)) {
+    sp.values = completeVector(ws->start, n);
+    sp.duals = completeVector(ws->start + n, m);
+  }
+  return sp;
+}
+
 // With a complete PStart the nonbasic variables take their start values in the record's
 // units (slacks from the row activities); those off their bounds stay superbasic at that
 // value for the primal to move. Returns the count of superbasics, -1 when out of memory
 // (nothing changed then).
-int loadStartValues(VRXmodel* model, VRXlp* lp, const VRXwarmstart* ws) {
+int loadStartValues(VRXlp* lp, const VRXwarmstart* ws) {
   const int n = lp->n, m = lp->m;
   if (!ws->start || (ws->startState != 2 && ws->startState != 3)) return 0;
-  for (int j = 0; j < n; ++j)
-    if (!(std::fabs(ws->start[j]) < kInf)) return 0;
+  if (!completeVector(ws->start, n)) return 0;
   if (!lp->warmStart) {
     lp->warmStart = envAllocArray<double>(lp->env, static_cast<size_t>(n + m) + 1);
     if (!lp->warmStart) return -1;
@@ -79,8 +108,209 @@ int loadStartValues(VRXmodel* model, VRXlp* lp, const VRXwarmstart* ws) {
       ++count;
     }
   }
-  if (count > 0) log(model->env, "Superbasic variables: %d.\n", count);
   return count;
+}
+
+void logSuperbasics(VRXenv* env, int count) {
+  if (count > 0) log(env, "Superbasic variables: %d.\n", count);
+}
+
+// Matches columns to rows for a start basis: each column, in order, gets a row of its own
+// among the open rows where it has a fair entry (a hundredth of its largest), by
+// augmenting paths, so a column matched before may move to another row but keeps one.
+// tier[i] is the tier of row i (0 closed); the rows of tier 1 are filled first, then those
+// of tier 2. The matched columns replace the slacks of their rows: a basis that is regular
+// by its pattern, whose numerically dependent columns the factor sends back to slacks.
+void placeMatched(VRXlp* lp, const EnvVec<int>& order, const EnvVec<char>& tier, int tiers) {
+  const int n = lp->n, m = lp->m;
+  VRXenv* env = lp->env;
+  EnvVec<int> colOf(env), rowOf(env), seen(env), stackCol(env), stackVia(env);
+  EnvVec<int64_t> stackPos(env);
+  colOf.resize(static_cast<size_t>(m) + 1, -1);
+  seen.resize(static_cast<size_t>(m) + 1, -1);
+  rowOf.resize(static_cast<size_t>(n) + 1, -1);
+  EnvVec<double> colMax(env);
+  colMax.resize(static_cast<size_t>(n) + 1, 0.0);
+  for (size_t o = 0; o < order.size(); ++o) {
+    const int j = order[o];
+    for (int64_t q = lp->colBeg[j]; q < lp->colBeg[j] + lp->colLen[j]; ++q)
+      colMax[static_cast<size_t>(j)] = std::max(colMax[static_cast<size_t>(j)], std::fabs(lp->val[q]));
+  }
+  auto fair = [lp, &colMax](int j, int64_t k) { return std::fabs(lp->val[k]) >= 0.01 * colMax[static_cast<size_t>(j)]; };
+  // The path of the search: a column, its next entry, and the row it was reached by.
+  stackCol.resize(static_cast<size_t>(n) + 1);
+  stackVia.resize(static_cast<size_t>(n) + 1);
+  stackPos.resize(static_cast<size_t>(n) + 1);
+  int stamp = 0;
+  for (char t = 1; t <= tiers; ++t) {
+    for (size_t o = 0; o < order.size(); ++o) {
+      const int j0 = order[o];
+      if (rowOf[static_cast<size_t>(j0)] >= 0) continue;
+      ++stamp;
+      size_t depth = 1;
+      stackCol[0] = j0;
+      stackVia[0] = -1;
+      stackPos[0] = lp->colBeg[j0];
+      while (depth > 0) {
+        const size_t top = depth - 1;
+        const int c = stackCol[top];
+        const int64_t end = lp->colBeg[c] + lp->colLen[c];
+        int64_t& k = stackPos[top];
+        int next = -1;
+        for (; k < end; ++k) {
+          const int i = lp->rowInd[k];
+          const char ti = tier[static_cast<size_t>(i)];
+          if (ti == 0 || ti > t || seen[static_cast<size_t>(i)] == stamp || !fair(c, k)) continue;
+          seen[static_cast<size_t>(i)] = stamp;
+          next = i;
+          ++k;
+          break;
+        }
+        if (next < 0) {
+          --depth;
+          continue;
+        }
+        const int holder = colOf[static_cast<size_t>(next)];
+        if (holder >= 0) {
+          stackCol[depth] = holder;
+          stackVia[depth] = next;
+          stackPos[depth] = lp->colBeg[holder];
+          ++depth;
+          continue;
+        }
+        // Each column on the path moves to the row below it; the first column's row is new.
+        int r = next;
+        for (size_t level = depth; level-- > 0;) {
+          const int col = stackCol[level];
+          rowOf[static_cast<size_t>(col)] = r;
+          colOf[static_cast<size_t>(r)] = col;
+          r = stackVia[level];
+        }
+        break;
+      }
+    }
+  }
+  int* head = lp->factor->basisHead;
+  for (int i = 0; i < m; ++i) {
+    const int j = colOf[static_cast<size_t>(i)];
+    if (j < 0) continue;
+    const int p = lp->varStat[n + i];
+    head[p] = j;
+    lp->varStat[j] = p;
+    lp->varStat[n + i] = lp->upper[n + i] == lp->lower[n + i] ? VRX_VS_FIX_LOWER : VRX_VS_LOWER;
+  }
+}
+
+// The record took a basis of its own making: the loops start by factoring it.
+void startFromBasis(VRXlp* lp, int loadKind) {
+  lp->factor->freshBasis = 1;
+  lp->actionCode = 1;
+  lp->loadKind = loadKind;
+  lpActiveRebuild(lp);
+}
+
+// A start from PStart alone: the values on the slack basis, then the off-bound columns go
+// into the basis in the rows that are tight at the start, the sparser columns first as they
+// block fewer rows; a row with room keeps its slack, and what cannot be placed stays
+// superbasic. Returns the count of superbasics left, -1 when out of memory.
+int primalStart(VRXmodel* model, VRXlp* lp) {
+  const auto* ws = static_cast<const VRXwarmstart*>(model->warmStart);
+  const int n = lp->n, m = lp->m;
+  if (loadStartValues(lp, ws) < 0) return -1;
+  const double* v = lp->warmStart;
+  try {
+    EnvVec<int> order(lp->env);
+    EnvVec<char> tight(lp->env);
+    order.reserve(static_cast<size_t>(n) + 1);
+    tight.resize(static_cast<size_t>(m) + 1, 0);
+    for (int j = 0; j < n; ++j)
+      if (lp->varStat[j] == VRX_VS_FREE && lp->colLen[j] > 0) order.push_back(j);
+    std::stable_sort(order.data(), order.data() + order.size(),
+                     [lp](int a, int b) { return lp->colLen[a] < lp->colLen[b]; });
+    for (int i = 0; i < m; ++i)
+      tight[static_cast<size_t>(i)] = std::fabs(v[n + i]) <= lp->feasTol * (1.0 + std::fabs(lp->rhs[i]));
+    placeMatched(lp, order, tight, 1);
+  } catch (const std::bad_alloc&) {
+    return -1;
+  }
+  int left = 0;
+  for (int j = 0; j < n + m; ++j)
+    left += lp->varStat[j] == VRX_VS_FREE &&
+            (lp->lower[j] > -lp->infBound || lp->upper[j] < lp->infBound || v[j] != 0.0);
+  logSuperbasics(model->env, left);
+  startFromBasis(lp, 1);
+  return left;
+}
+
+// A start from DStart, with PStart when that is complete too. The reduced costs c - A'y
+// pick the columns that may be basic, those near zero, and the columns strictly inside
+// their bounds go first; they are placed as above, first in the rows whose dual is not
+// zero (their slacks must leave), then in the other rows without room. The other columns
+// sit at the bound their reduced cost points to. 0 or 10001.
+int dualStart(VRXmodel* model, VRXlp* lp, bool withValues) {
+  const auto* ws = static_cast<const VRXwarmstart*>(model->warmStart);
+  const VRXmodeldata* d = model->data;
+  VRXenv* env = model->env;
+  const int n = d->numVars, m = d->numConstrs;
+  const double sense = d->modelSense;
+  const double* x = withValues ? ws->start : nullptr;
+  const double ftol = env->par.FeasibilityTol, otol = env->par.OptimalityTol;
+  const char* flipped = lp->copy && lp->copy->flippedCount > 0 ? lp->copy->colFlipped : nullptr;
+  try {
+    EnvVec<double> y(env), key(env), act(env), dj(env);
+    EnvVec<int> order(env);
+    EnvVec<char> tier(env);
+    y.resize(static_cast<size_t>(m) + 1);
+    act.resize(static_cast<size_t>(m) + 1, 0.0);
+    dj.resize(static_cast<size_t>(n) + 1);
+    key.resize(static_cast<size_t>(n) + 1);
+    // The published duals are in the caller's sense; the store minimises.
+    for (int i = 0; i < m; ++i) y[static_cast<size_t>(i)] = sense * ws->start[n + i];
+    for (int j = 0; j < n; ++j) {
+      double r = d->obj[j];
+      for (int64_t k = d->colBeg[j]; k < d->colBeg[j] + d->colLen[j]; ++k) {
+        r -= d->val[k] * y[static_cast<size_t>(d->rowInd[k])];
+        if (x) act[static_cast<size_t>(d->rowInd[k])] += d->val[k] * x[j];
+      }
+      dj[static_cast<size_t>(j)] = r;
+      const double t = ftol * (1.0 + (x ? std::fabs(x[j]) : 0.0));
+      const bool inside = x && x[j] > d->lb[j] + t && x[j] < d->ub[j] - t;
+      const double k = inside ? -1.0 : std::fabs(r);
+      key[static_cast<size_t>(j)] = k;
+      if (d->lb[j] < d->ub[j] && lp->colLen[j] > 0 && k <= otol * (1.0 + std::fabs(d->obj[j])))
+        order.push_back(j);
+    }
+    std::stable_sort(order.data(), order.data() + order.size(), [&key, lp](int a, int b) {
+      const double ka = key[static_cast<size_t>(a)], kb = key[static_cast<size_t>(b)];
+      return ka != kb ? ka < kb : lp->colLen[a] < lp->colLen[b];
+    });
+    tier.resize(static_cast<size_t>(m) + 1);
+    for (int i = 0; i < m; ++i) {
+      const bool room = x && d->sense[i] != '=' &&
+                        std::fabs(d->rhs[i] - act[static_cast<size_t>(i)]) > ftol * (1.0 + std::fabs(d->rhs[i]));
+      tier[static_cast<size_t>(i)] = room ? 0 : std::fabs(y[static_cast<size_t>(i)]) > otol ? 1 : 2;
+    }
+    // Nonbasic columns first, at the bound of their reduced cost (in the record's
+    // orientation a negated column has its bounds swapped).
+    for (int j = 0; j < n; ++j) {
+      if (lp->varStat[j] >= 0) continue;
+      const double r = dj[static_cast<size_t>(j)];
+      bool upper = r < 0;
+      if (r == 0 && x) upper = std::fabs(x[j] - d->ub[j]) < std::fabs(x[j] - d->lb[j]);
+      if (flipped && flipped[j]) upper = !upper;
+      const bool lf = lp->lower[j] > -lp->infBound, uf = lp->upper[j] < lp->infBound;
+      if (lf && uf && lp->lower[j] == lp->upper[j]) lp->varStat[j] = VRX_VS_FIX_LOWER;
+      else if (upper && uf) lp->varStat[j] = VRX_VS_UPPER;
+      else if (lf) lp->varStat[j] = VRX_VS_LOWER;
+      else if (uf) lp->varStat[j] = VRX_VS_UPPER;
+      else lp->varStat[j] = VRX_VS_FREE;
+    }
+    placeMatched(lp, order, tier, 2);
+  } catch (const std::bad_alloc&) {
+    return VRX_ERROR_OUT_OF_MEMORY;
+  }
+  startFromBasis(lp, 2);
+  return 0;
 }
 
 // Starts the record from the warm-start basis of the model, when one was set and checked.
@@ -114,11 +344,8 @@ bool applyWarmBasis(VRXmodel* model, VRXlp* lp) {
       lp->varStat[k] = VRX_VS_FREE;
   }
   // Short of memory the start values are left out; the basis alone still serves.
-  loadStartValues(model, lp, ws);
-  lp->factor->freshBasis = 1;
-  lp->actionCode = 1;
-  lp->loadKind = 2;
-  lpActiveRebuild(lp);
+  logSuperbasics(model->env, loadStartValues(lp, ws));
+  startFromBasis(lp, 2);
   // Norms given with the basis spare the dual its weight start; unusable ones are ignored.
   if (ws->normState == 2 && ws->norms) VRXdualLoadNorms(lp, ws->norms, ws->norms + n);
   return true;
@@ -414,8 +641,13 @@ void lpClosingLines(VRXmodel* model, const VRXresult* r, double seconds, const U
     case VRX_UNBOUNDED: log(env, "Unbounded model\n"); break;
     case VRX_CUTOFF: log(env, "Model objective exceeds cutoff\n"); break;
     case VRX_ITERATION_LIMIT: log(env, "Iteration limit reached\n"); break;
-    case VRX_TIME_LIMIT: log(env, "Time limit reached\n"); break;
-    case VRX_INTERRUPTED: log(env, "Solve interrupted\n"); break;
+    case VRX_TIME_LIMIT:
+    case VRX_INTERRUPTED:
+      if (env->terminateFlagRef && *env->terminateFlagRef == kStopSolvedElsewhere)
+        log(env, "Simplex solve interrupted - model solved by another algorithm\n");
+      else
+        log(env, status == VRX_TIME_LIMIT ? "Time limit reached\n" : "Solve interrupted\n");
+      break;
     case VRX_NUMERIC: log(env, "Numeric error\n"); break;
     default: break;
   }
@@ -423,21 +655,21 @@ void lpClosingLines(VRXmodel* model, const VRXresult* r, double seconds, const U
 
 namespace {
 
-// A checked warm-start basis of the model's shape: the solve starts from it, not from presolve.
-bool hasWarmBasis(const VRXmodel* model) {
-  const auto* ws = static_cast<const VRXwarmstart*>(model->warmStart);
-  const VRXmodeldata* d = model->data;
-  return ws && ws->basisState == 2 && ws->basis && ws->size == d->numVars + d->numConstrs &&
-         ws->columnCount == d->numVars;
+// A warm start of the model's shape (a basis, PStart or DStart): the solve starts from it,
+// not from presolve.
+bool hasWarmStart(const VRXmodel* model) {
+  const StartParts sp = startParts(model);
+  return sp.basis || sp.values || sp.duals;
 }
 
 // Presolve, the solve of the presolved model, uncrush and the clean-up simplex. Returns 0
 // with model->lp solved, or with *settled set when presolve decided the model alone, or
 // with neither when the original is to be solved as it is.
-int presolvedRun(VRXmodel* model, int method, Clock& clock, bool* settled) {
+int presolvedRun(VRXmodel* model, int method, Clock& clock, bool* settled, int* winner) {
   *settled = false;
   PresolvedSolve ps;
   int err = lpPresolveSolve(model, method, clock, &ps);
+  *winner = ps.winner;
   if (err || !ps.handled) return err;
   if (!model->lp) {
     model->status = ps.status;
@@ -466,12 +698,26 @@ int directRun(VRXmodel* model, int method, Clock& clock) {
   if (err) return err;
   clockCharge(clock, work);
   auto* lp = static_cast<VRXlp*>(model->lp);
-  if (fresh) applyWarmBasis(model, lp);
+  int runMethod = method;
+  if (fresh) {
+    const StartParts sp = startParts(model);
+    if (sp.basis) {
+      applyWarmBasis(model, lp);
+    } else if (sp.duals) {
+      err = dualStart(model, lp, sp.values);
+    } else if (sp.values) {
+      const int superbasics = primalStart(model, lp);
+      if (superbasics < 0) err = VRX_ERROR_OUT_OF_MEMORY;
+      // Superbasic values are the primal's to move.
+      if (superbasics > 0) runMethod = 0;
+    }
+    if (err) return err;
+  }
   // Each optimize counts its own iterations, also when it goes on from a kept record.
   lp->iterCount = 0;
   lp->priorIter = 0;
   lp->status = 1;
-  err = lpRunSimplex(lp, method, clock);
+  err = lpRunSimplex(lp, runMethod, clock);
   if (err == 100001 || err == 100002) {
     VRXlpFreeOnModel(model);
     err = VRXlpSetup(model, method, &work);
@@ -499,10 +745,12 @@ int addProofs(VRXmodel* model, VRXlp* lp, Clock& clock) {
 // A kept record that ended finished, on an unchanged model: its result stands. With
 // VORN_PAR_SIMPLEXENDFAC a fresh factor of its basis must confirm it first; a record that
 // fails is dropped for a new solve. *reuse 1 when the record is to be published as it is.
-int keptResult(VRXmodel* model, Clock& clock, int* reuse) {
+int keptResult(VRXmodel* model, int method, Clock& clock, int* reuse) {
   *reuse = 0;
   VRXenv* env = model->env;
   auto* lp = static_cast<VRXlp*>(model->lp);
+  // A record left by another method (or by another solver) is solved again by this one.
+  if (!model->result || model->result->spxMethod != method) return 0;
   if (!finishedStatus(lp->status) || lp->quadMode != 0 || !lp->factor || !lp->Bbar) return 0;
   if (lp->m != model->data->numConstrs || lp->n != model->data->numVars) return 0;
   if (env->par.VORN_PAR_SIMPLEXENDFAC != 0) {
@@ -571,16 +819,9 @@ int lpFinish(VRXmodel* model, VRXlp* lp, Clock& clock, bool verify = true) {
   return 0;
 }
 
-// A convex quadratic objective: the primal with superbasic steps on the original model (no
-// presolve), after the diagonal test that needs no factor.
+// A convex quadratic objective (checked before the run): the primal with superbasic steps
+// on the original model, without presolve.
 int qpRun(VRXmodel* model, Clock& clock) {
-  VRXenv* env = model->env;
-  const VRXmodeldata* d = model->data;
-  for (int k = 0; k < d->numQNZs; k++) {
-    const int j = d->qRow[k];
-    if (j == d->qCol[k] && d->qVal[k] < -env->par.PSDTol && d->vtype[j] != 'B')
-      return raise(env, VRX_ERROR_Q_NOT_PSD, true, "Objective Q not PSD (negative diagonal entry)");
-  }
   double work = 0;
   int err = VRXlpSetup(model, 0, &work);
   if (err) return err;
@@ -612,6 +853,10 @@ struct SavedParams {
 };
 
 }  // namespace
+
+int lpFinishRecord(VRXmodel* model, Clock& clock) {
+  return lpFinish(model, static_cast<VRXlp*>(model->lp), clock);
+}
 
 int lpKappa(VRXlp* lp, Clock& clock, double* kappa) {
   *kappa = -1;
@@ -771,49 +1016,66 @@ int lpOptimize(VRXmodel* model, Clock& clock) {
     log(env, "         Turning it on and applying it conservatively\n");
     env->par.Presolve = 1;
   }
-  // Piecewise terms go through their LP form, which takes every method.
-  if (model->data->numPWLObjVars > 0) return pwlOptimize(model, clock);
+  // Piecewise terms: the simplex keeps them in its working LP; presolve and the barrier
+  // take their LP form.
+  if (model->data->numPWLObjVars > 0)
+    return pwlNativeFits(model, method) ? pwlNativeOptimize(model, method, clock) : pwlOptimize(model, clock);
   if (env->par.Presolve != 0) numericsGuard(model->data, &env->par);
-  if (method == 2) return barOptimize(model, clock);
+  if (method == 2 && !VRXisQPForm(model)) return barOptimize(model, clock);
   if (env->par.VORN_PAR_UNSCALEDVIO == -2) env->par.VORN_PAR_UNSCALEDVIO = -1;
   if (env->par.VORN_PAR_SPXCONCURRENT == 1 && model->lp == nullptr) return spxConcurrent(model, clock);
   int err = 0;
   if (model->lp && model->data->numQNZs == 0) {
     int reuse = 0;
-    err = keptResult(model, clock, &reuse);
+    err = keptResult(model, method, clock, &reuse);
     if (!err && reuse) err = lpFinish(model, static_cast<VRXlp*>(model->lp), clock, false);
+    if (!err && reuse) model->result->spxMethod = method;
     if (err || reuse) {
       if (err == VRX_ERROR_OUT_OF_MEMORY) log(env, "Out of memory\n");
       return err;
     }
   }
-  bool solved = model->data->numQNZs > 0;
+  bool solved = VRXisQPForm(model);
   if (solved) err = qpRun(model, clock);
   // A kept record or a warm basis is the better start; otherwise presolve goes first.
-  if (!solved && env->par.Presolve != 0 && model->lp == nullptr && !hasWarmBasis(model)) {
+  int winner = -1;
+  if (!solved && env->par.Presolve != 0 && model->lp == nullptr && !hasWarmStart(model)) {
     bool settled = false;
-    err = presolvedRun(model, method, clock, &settled);
+    err = presolvedRun(model, method, clock, &settled, &winner);
     if (!err && settled) {
       err = publishEmpty(model);
-      if (!err) lpClosingLines(model, model->result, clockElapsed(clock));
+      if (!err) {
+        if (winner >= 0) model->result->concurrentWinner = winner;
+        lpClosingLines(model, model->result, clockElapsed(clock));
+      }
       return err;
     }
     solved = model->lp != nullptr;
   }
-  if (!err && !solved && env->par.Presolve == 0 && model->lp == nullptr && !hasWarmBasis(model) &&
-      dualiseChoice(model->data, env->par, method, env->par.Threads > 0 ? env->par.Threads : detectCores()) == 1) {
+  const int choice = !err && !solved && env->par.Presolve == 0 && model->lp == nullptr && !hasWarmStart(model)
+                         ? dualiseChoice(model->data, env->par, method, env->par.Threads > 0 ? env->par.Threads : detectCores())
+                         : 0;
+  if (choice != 0) {
     DualisedSolve ds{};
-    err = lpSolveDualised(model, method, clock, &ds);
+    err = lpSolveDualised(model, method, clock, &ds, choice == 2);
+    winner = ds.winner;
     if (!err && ds.handled && model->lp == nullptr) {
       model->status = ds.status;
       err = publishEmpty(model);
-      if (!err) lpClosingLines(model, model->result, clockElapsed(clock));
+      if (!err) {
+        if (winner >= 0) model->result->concurrentWinner = winner;
+        lpClosingLines(model, model->result, clockElapsed(clock));
+      }
       return err;
     }
     solved = !err && ds.handled;
   }
   if (!err && !solved) err = directRun(model, method, clock);
   if (!err) err = lpFinish(model, static_cast<VRXlp*>(model->lp), clock);
+  if (!err) {
+    model->result->spxMethod = method;
+    if (winner >= 0) model->result->concurrentWinner = winner;
+  }
   if (err == VRX_ERROR_OUT_OF_MEMORY) log(env, "Out of memory\n");
   return err;
 }

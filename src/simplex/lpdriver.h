@@ -18,6 +18,10 @@ int lpOptimize(VRXmodel* model, Clock& clock);
 // Publishes the solution of a solved record (true units, the caller's sense) as
 // the model's result. 0 or 10001.
 int lpPublish(VRXmodel* model, VRXlp* lp);
+// The value a concurrent run writes to the stop flag of the instances that lost: they stop
+// as on any request, and their closing lines say the model was solved by another.
+constexpr int kStopSolvedElsewhere = 2;
+
 // "Solved in ..."/"Stopped in ..." and the status line; with uq, the warnings of an
 // optimum that is worse in true units than the tolerances allow.
 void lpClosingLines(VRXmodel* model, const VRXresult* r, double seconds,
@@ -44,5 +48,16 @@ int lpFarkas(VRXmodel* model, const VRXlp* lp, double* lambda, double* proof);
 // Dual and primal simplex at once on copies of the model, on two threads; the first to
 // end stops the other and its result becomes the model's. 0 or an error.
 int spxConcurrent(VRXmodel* model, Clock& clock);
+
+// Method 3, 4 or 5 on a continuous model: barrier and simplex instances on copies of the
+// model, one thread each beyond the caller's, by the instance table or the user's
+// concurrent environments; the winner's basis is cleaned up on the model itself. Method 3
+// takes the first to end; 4 and 5 let all end and take the least work, so a run repeats.
+// 0 or an error (10003 for unusable concurrent environments).
+int concurrentLP(VRXmodel* model, Clock& clock);
+
+// The end of a simplex run on model->lp: the final checks, the results published and the
+// closing lines. 0 or an error.
+int lpFinishRecord(VRXmodel* model, Clock& clock);
 
 }  // namespace vrx

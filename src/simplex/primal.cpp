@@ -249,6 +249,33 @@ void maybePerturb(Ctx<T>& c, bool force = false) {
 
 // ---------------------------------------------------------------- steps
 
+// Cost changes of basic positions, held in c.s1 (count and index set), reach the duals and
+// the reduced costs: one btran and, outside partial pricing, one row product.
+template <class T>
+int applyCostDelta(Ctx<T>& c) {
+  VRXlp* lp = c.lp;
+  VRXsvecT<T>* delta = c.s1;
+  if (delta->count == 0) return 0;
+  int rc = VRXbtran(c.f, delta, c.s2, 1, &c.clock->work);
+  svecClear(delta, c.m);
+  if (rc) return rc;
+  makeSparse(c.s2, c.m);
+  if (lp->priceMode == 0) {
+    for (int k = 0; k < c.s2->count; k++) c.y[c.s2->index[k]] += c.s2->value[c.s2->index[k]];
+    svecClear(c.s2, c.m);
+    return 0;
+  }
+  rowProduct(c, c.s2, c.row);
+  svecClear(c.s2, c.m);
+  for (int k = 0; k < c.row->count; k++) {
+    const int j = c.row->index[k];
+    c.d[j] -= c.row->value[j];
+    c.touch(j);
+  }
+  svecClear(c.row, c.nm + 1);
+  return 0;
+}
+
 // Phase-I classes of the positions the step touched; the changed costs reach the reduced
 // costs through one btran and one row product. leaveVar/oldLeaveClass describe the variable
 // that left position r (or -1 for a bound flip).
@@ -265,6 +292,7 @@ int phaseOneCosts(Ctx<T>& c, int leaveVar, char oldLeaveClass) {
   for (int k = 0; k < c.col->count; k++) {
     const int p = c.col->index[k];
     if (p == c.r) continue;
+    c.holdSegment(p);  // phase I: a segment change moves no cost that counts here
     const char nc = c.classify(c.x[p], head[p]);
     const char oc = lp->rowFlag[p];
     if (nc == oc) continue;
@@ -299,26 +327,9 @@ int phaseOneCosts(Ctx<T>& c, int leaveVar, char oldLeaveClass) {
     releaseTurnedAway(c);
     return computeDual(c);
   }
-  if (cnt == 0) return 0;
-  int rc = VRXbtran(c.f, delta, c.s2, 1, &c.clock->work);
-  svecClear(delta, c.m);
-  if (rc) return rc;
-  makeSparse(c.s2, c.m);
-  if (lp->priceMode == 0) {
-    for (int k = 0; k < c.s2->count; k++) c.y[c.s2->index[k]] += c.s2->value[c.s2->index[k]];
-    svecClear(c.s2, c.m);
-    return 0;
-  }
-  rowProduct(c, c.s2, c.row);
-  svecClear(c.s2, c.m);
-  for (int k = 0; k < c.row->count; k++) {
-    const int j = c.row->index[k];
-    c.d[j] -= c.row->value[j];
-    c.touch(j);
-  }
-  svecClear(c.row, c.nm + 1);
-  if (leaveVar >= 0) c.touch(leaveVar);
-  return 0;
+  int rc = applyCostDelta(c);
+  if (rc == 0 && cnt > 0 && leaveVar >= 0) c.touch(leaveVar);
+  return rc;
 }
 
 template <class T>
@@ -419,7 +430,10 @@ int basisChange(Ctx<T>& c) {
   const char oldLeaveClass = lp->rowFlag[r];
   moveBasics(c);
   const T vl = c.x[r];
-  if (c.leaveUp) {
+  if (c.breakPoint(l, c.leaveUp ? 1 : -1)) {
+    // Past an inner break point a piecewise column is on the next segment, not out of
+    // bounds: it lands on the break point itself, where both readings stay open.
+  } else if (c.leaveUp) {
     if (vl > T(pp->up[l])) {
       if (pp->up[l] == lp->upper[l]) pp->shiftCount++;
       pp->up[l] = static_cast<double>(vl);
@@ -498,6 +512,95 @@ int basisChange(Ctx<T>& c) {
   return 0;
 }
 
+// ---------------------------------------------------------------- piecewise basics
+
+// Phase II with piecewise basics. A basic term column that would leave at an inner break
+// point passes onto its next segment when the entering column still gains there: the cost
+// rise past the break point times the column's rate of change must leave the rate of gain
+// negative. Otherwise it leaves there. The test runs again with the passed column's bound
+// moved to the end of its next segment; each column passes one break point per step. The
+// passed columns are listed in candList, as ~j when moving down.
+template <class T>
+int ratioTerms(Ctx<T>& c) {
+  int res = VRXprimalRatio2(c);
+  if (!c.pw || c.vertexMove || c.toZero) return res;
+  VRXprimalprice* pp = c.pp;
+  const VRXpwlobj* w = c.pw;
+  T rate = T(c.dir) * c.dq;
+  const T tol = T(pp->priceTol);
+  while (res == kPivot) {
+    const int j = c.f->basisHead[c.r];
+    const int t = w->termOf[j];
+    if (t < 0) break;
+    const int side = c.leaveUp ? 1 : -1, s = w->seg[t];
+    if (side > 0 ? pp->up[j] != w->right[s] : pp->lo[j] != w->left[s]) break;  // passed already, or shifted
+    const double rise = c.segmentRise(j, side);
+    if (rise >= kInf) break;
+    const T next = rate + T(rise) * absT(c.alphaR);
+    if (next >= -tol) break;
+    rate = next;
+    pp->candList[c.passCount++] = side > 0 ? j : ~j;
+    if (side > 0) pp->up[j] = w->right[s + 1];
+    else pp->lo[j] = w->left[s - 1];
+    res = VRXprimalRatio2(c);
+  }
+  return res;
+}
+
+// No step was taken: the passed columns get their bounds back.
+template <class T>
+void dropPassed(Ctx<T>& c) {
+  VRXprimalprice* pp = c.pp;
+  for (int k = 0; k < c.passCount; k++) {
+    const int e = pp->candList[k];
+    if (e >= 0) pp->up[e] = c.lp->upper[e];
+    else pp->lo[~e] = c.lp->lower[~e];
+  }
+  c.passCount = 0;
+}
+
+// After the step each passed column that went past its break point is on the next segment:
+// a basic one's cost change reaches the duals, one that left at the far end of that segment
+// takes its reading. One the step did not carry past gets its bound back.
+template <class T>
+int settlePassed(Ctx<T>& c) {
+  if (c.passCount == 0) return 0;
+  VRXlp* lp = c.lp;
+  VRXprimalprice* pp = c.pp;
+  VRXsvecT<T>* delta = c.s1;
+  svecClear(delta, c.nm + 1);
+  int cnt = 0;
+  for (int k = 0; k < c.passCount; k++) {
+    const int e = pp->candList[k], j = e >= 0 ? e : ~e, side = e >= 0 ? 1 : -1;
+    const int st = lp->varStat[j];
+    const double before = lp->cost[j];
+    if (st < 0) {
+      pwlSetSegment(lp, c.pw->termOf[j], c.pw->seg[c.pw->termOf[j]] + side);
+      pp->lo[j] = lp->lower[j];
+      pp->up[j] = lp->upper[j];
+      c.d[j] += T(lp->cost[j] - before);
+      c.touch(j);
+    } else if (c.holdSegment(st)) {
+      delta->value[st] = T(lp->cost[j] - before);
+      delta->index[cnt++] = st;
+      pp->breakPasses++;
+    } else if (side > 0) {
+      pp->up[j] = lp->upper[j];
+    } else {
+      pp->lo[j] = lp->lower[j];
+    }
+  }
+  c.passCount = 0;
+  delta->count = cnt;
+  if (!c.f->valid) {
+    // The update was refused: the refactor recomputes the duals from the new costs.
+    svecClear(delta, c.m);
+    if (cnt > 0) lp->actionCode = 9;
+    return 0;
+  }
+  return applyCostDelta(c);
+}
+
 // ---------------------------------------------------------------- the iteration
 
 // The rescue of a big pivot column: a sounder factor, or the column as it is.
@@ -567,8 +670,9 @@ int iterate(Ctx<T>& c) {
   makeSparse(c.col, c.m);
 
   if (bigPivotCheck(c)) return 0;
+  c.passCount = 0;
   auto ratio = [&]() {
-    return pp->phase == 2 ? VRXprimalRatio2(c) : (lp->pwRatio ? VRXprimalRatioPW(c) : VRXprimalRatio1(c));
+    return pp->phase == 2 ? ratioTerms(c) : (lp->pwRatio ? VRXprimalRatioPW(c) : VRXprimalRatio1(c));
   };
   int res = ratio();
   // A vertex move that nothing blocks tries the other way before it is given up.
@@ -576,6 +680,7 @@ int iterate(Ctx<T>& c) {
     if (!turnVertexMove(c)) return 0;
     res = ratio();
   }
+  if (res != kPivot && res != kFlip) dropPassed(c);
   switch (res) {
     case kUnbounded: {
       if (c.f->nUpdatesDone > 0 && pp->unbdRetries == 0) {
@@ -642,9 +747,13 @@ int iterate(Ctx<T>& c) {
       break;
     default:
       rc = basisChange(c);
-      if (rc == 0 && lp->actionCode == 6 && lp->varStat[q] < 0) return 0;  // pivot refused
+      if (rc == 0 && lp->actionCode == 6 && lp->varStat[q] < 0) {
+        dropPassed(c);  // pivot refused
+        return 0;
+      }
       break;
   }
+  if (!rc) rc = settlePassed(c);
   if (rc) return rc;
   c.forceSmall = 0;
   pp->confirmed = 0;
@@ -788,6 +897,8 @@ int VRXprimalPivot(Ctx<T>& c) {
   const int q = chooseEntering(c);
   c.lp->enterVar = q;
   if (q < 0) return noCandidate(c);
+  // A piecewise column leaving its break point the other way takes that segment's reading.
+  if (c.faceDirection(q, c.dir)) c.dq = c.d[q];
   return iterate(c);
 }
 
@@ -1007,6 +1118,8 @@ int VRXprimalPrepare(VRXlp* lp, vrx::Clock& clock) {
   pp->dualFeasTol = 1e-7;
   pp->phase = 0;
   pp->partialMode = 0;
+  // Phase I on infeasibility costs alone: the composite form cost more Netlib iterations, and
+  // the Farkas proof of an infeasible end is read from these costs.
   pp->twoStage = 0;
   pp->passLimit = 10;
   pp->noChange = 0;
@@ -1019,6 +1132,8 @@ int VRXprimalPrepare(VRXlp* lp, vrx::Clock& clock) {
   pp->chunkLen = std::max(100, nm / std::max(2 * pp->partialBlock, 8));
   pp->hotCount = 0;
   pp->firstCompute = 1;
+  pp->termsSettled = 0;
+  pp->breakPasses = 0;
   pp->listStale = 1;
   pp->acceptLoose = 0;
   pp->columnLists = par.VORN_PAR_PRIMALPARTIAL != 0 ? par.VORN_PAR_PRIMALPARTIAL : (pp->partialBlock == 0 ? 1 : 2);
@@ -1072,10 +1187,24 @@ int VRXprimalPrepare(VRXlp* lp, vrx::Clock& clock) {
   return 0;
 }
 
-int VRXprimalSolve(VRXlp* lp, vrx::Clock& clock) {
-  if (!lp) return VRX_ERROR_NULL_ARGUMENT;
+namespace {
+
+int runPrimal(VRXlp* lp, vrx::Clock& clock) {
   int rc = VRXprimalPrepare(lp, clock);
   if (rc) return rc;
   if (lp->quadMode) return vrx::primal::solveT<long double>(lp, clock);
   return vrx::primal::solveT<double>(lp, clock);
+}
+
+}  // namespace
+
+int VRXprimalSolve(VRXlp* lp, vrx::Clock& clock) {
+  if (!lp) return VRX_ERROR_NULL_ARGUMENT;
+  return lp->pwl ? VRXpwlPrimal(lp, clock) : runPrimal(lp, clock);
+}
+
+int VRXpwlPrimal(VRXlp* lp, vrx::Clock& clock) {
+  if (!lp) return VRX_ERROR_NULL_ARGUMENT;
+  if (!lp->pwl) return VRX_ERROR_INVALID_ARGUMENT;
+  return runPrimal(lp, clock);
 }

@@ -90,6 +90,8 @@ struct VRXprimalprice {
   int firstCompute;  // 1 until the first compute of a run (the crushed-start check)
   int acceptLoose;   // 1: the next compute may widen priceTol to what is left
   double lastResidual;
+  int termsSettled;  // 1 once the first compute of the run has placed the terms' columns
+  int breakPasses;   // basic term columns carried past a break point onto the next segment
 };
 
 // Frees lp->primal and its arrays; the pointer becomes null. Safe on null.
@@ -105,6 +107,14 @@ int VRXprimalFromDual(VRXlp* lp);
 // Prepares the start of a primal run: record, pricing mode, statuses, working bounds,
 // weights and the active row copy. 0 or an error code.
 int VRXprimalPrepare(VRXlp* lp, vrx::Clock& clock);
+
+// The primal loop on a record that keeps piecewise-linear terms (lp->pwl): a nonbasic term
+// column at a break point prices each direction with the slope on that side and takes that
+// segment's reading when it enters; an entering column stops at its next break point as at
+// a bound; a basic one stops there as at a bound and leaves, and one that phase I carried
+// past it is put on the segment that holds it. Phase I measures the terms' columns against
+// their whole ranges. 0 or an error code; 10003 without a piecewise record.
+int VRXpwlPrimal(VRXlp* lp, vrx::Clock& clock);
 
 namespace vrx {
 

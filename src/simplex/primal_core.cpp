@@ -67,6 +67,7 @@ Ctx<T> makeCtx(VRXlp* lp, Clock& clock) {
   c.m = lp->m;
   c.nm = lp->n + lp->m;
   c.inf = lp->infBound;
+  c.pw = lp->pwl;
   // The record keeps one set of work vectors per arithmetic.
   if constexpr (dbl) {
     c.x = lp->Bbar;
@@ -124,6 +125,8 @@ double objectiveValue(const Ctx<T>& c) {
     const int st = lp->varStat[j];
     s += T(cj) * (st >= 0 ? c.x[st] : T(c.nbValue(j)));
   }
+  // Piecewise terms: cost times x is the slope part, the segments' intercepts the rest.
+  if (c.pw && !lp->zeroObjectiveMode) s += T(pwlIntercepts(lp));
   return static_cast<double>(s);
 }
 
@@ -267,8 +270,10 @@ int computePrimal(Ctx<T>& c, bool measure) {
 
   int cnt = 0;
   T sum = T(0), mx = T(0);
+  c.segMoves = 0;
   for (int p = 0; p < m; p++) {
     const int j = c.f->basisHead[p];
+    if (c.holdSegment(p)) c.segMoves++;
     const char cls = c.classify(c.x[p], j);
     lp->rowFlag[p] = cls;
     if (cls == kBelow) {
@@ -366,6 +371,39 @@ void releaseTurnedAway(Ctx<T>& c) {
 template <class T>
 void discardStart(Ctx<T>& c);
 
+// Each nonbasic term column goes to the break point where its phase-2 reduced cost turns
+// from negative to non-negative (the end of an open segment when it never does); its cost
+// and reduced cost follow, the basic values do not. Returns the number moved.
+template <class T>
+int settleTerms(Ctx<T>& c) {
+  VRXlp* lp = c.lp;
+  VRXpwlobj* w = c.pw;
+  int moved = 0;
+  for (int t = 0; t < w->terms; t++) {
+    const int j = w->col[t], st = lp->varStat[j];
+    if (st != VRX_VS_LOWER && st != VRX_VS_UPPER) continue;
+    const int b = w->beg[t], e = w->beg[t + 1], cur = w->seg[t];
+    const T base = c.d[j] - T(w->slope[cur]);  // -y'a_j
+    int s = b;
+    while (s < e && base + T(w->slope[s]) < T(0)) s++;
+    int ns;
+    if (s < e) {
+      ns = w->left[s] > -kInf ? VRX_VS_LOWER : VRX_VS_UPPER;
+    } else {
+      s = e - 1;
+      ns = w->right[s] < kInf ? VRX_VS_UPPER : VRX_VS_LOWER;
+    }
+    if (s == cur && ns == st) continue;
+    pwlSetSegment(lp, t, s);
+    c.pp->lo[j] = lp->lower[j];
+    c.pp->up[j] = lp->upper[j];
+    lp->varStat[j] = ns;
+    c.d[j] = base + T(w->slope[s]);
+    moved++;
+  }
+  return moved;
+}
+
 template <class T>
 int refactorAndCompute(Ctx<T>& c) {
   VRXlp* lp = c.lp;
@@ -435,11 +473,22 @@ int refactorAndCompute(Ctx<T>& c) {
     pp->acceptLoose = 1;
   const int newPhase = lp->infeasCount > 0 ? 1 : 2;
   const bool sameCosts = newPhase == 2 && pp->phase == 2 && hadFactor && !repaired && lp->priceMode != 0 &&
-                         (reason == 2 || reason == 10 || reason == 11);
+                         (reason == 2 || reason == 10 || reason == 11) && c.segMoves == 0;
   if (newPhase == 2 && pp->phase != 2) releaseTurnedAway(c);
   pp->phase = newPhase;
   rc = computeDual(c, sameCosts);
   if (rc) return rc;
+  if (c.pw && !pp->termsSettled) {
+    // A loaded basis names no break point for a term's column inside its range: at a
+    // feasible start each goes where its reduced cost asks, before the first iteration.
+    pp->termsSettled = 1;
+    const bool place = c.pw->unplaced && lp->iterCount == 0;
+    c.pw->unplaced = 0;
+    if (place && pp->phase == 2 && !lp->zeroObjectiveMode && settleTerms(c) > 0) {
+      lp->actionCode = 9;
+      return 0;
+    }
+  }
   pp->confirmed = 1;
   if (pp->acceptLoose) {
     // After many switches between the loops the primal accepts a small dual infeasibility.

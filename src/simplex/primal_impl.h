@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "simplex/primal.h"
+#include "simplex/pwl.h"
 
 namespace vrx {
 namespace primal {
@@ -46,6 +47,9 @@ struct Ctx {
   VRXfactorT<T>* f;
   VRXfactorMatrix A;
   T* y;  // duals of the phase in force; kept up to date only in partial pricing (mode 0)
+  VRXpwlobj* pw;  // piecewise terms of the record, null without
+  int segMoves;   // basic piecewise columns put on another segment by the last compute
+  int passCount;  // basic piecewise columns the ratio test let past a break point (in pp->candList)
 
   // The iteration in progress.
   int q;        // entering variable
@@ -93,15 +97,113 @@ struct Ctx {
   // The pricing tolerance of the phase in force.
   T priceTolerance() const { return T(pp->phase == 1 ? pp->dualFeasTol : pp->priceTol); }
 
+  // The dual infeasibility of nonbasic j (status s) with reduced cost dj and the direction
+  // that lowers the objective, or 0 when j is no candidate at tolerance tol. A piecewise
+  // column at an inner break point is read on both segments around it: each direction
+  // prices with the slope of the side it moves into.
+  T infeasOf(int j, int s, T dj, T tol, int* dir) const {
+    if (s == VRX_VS_LOWER) {
+      if (dj < -tol) {
+        *dir = 1;
+        return -dj;
+      }
+      const T down = dj - T(readingGap(j, -1));
+      if (down > tol) {
+        *dir = -1;
+        return down;
+      }
+      return T(0);
+    }
+    if (s == VRX_VS_UPPER) {
+      if (dj > tol) {
+        *dir = -1;
+        return dj;
+      }
+      const T up = dj + T(readingGap(j, 1));
+      if (up < -tol) {
+        *dir = 1;
+        return -up;
+      }
+      return T(0);
+    }
+    const T a = absT(dj);
+    if (a <= tol) return T(0);
+    *dir = dj < T(0) ? 1 : -1;
+    return a;
+  }
+
   // Whether nonbasic j (status s, no rejection mark) would enter at tolerance tol.
   bool attractive(int j, int s, T tol) const {
-    const T dj = d[j];
-    bool a;
-    if (s == VRX_VS_LOWER) a = dj < -tol;
-    else if (s == VRX_VS_UPPER) a = dj > tol;
-    else if (s == VRX_VS_FREE) a = absT(dj) > tol;
-    else return false;
-    return a && lp->lower[j] != lp->upper[j];
+    if (s != VRX_VS_LOWER && s != VRX_VS_UPPER && s != VRX_VS_FREE) return false;
+    int dir = 0;
+    return infeasOf(j, s, d[j], tol, &dir) != T(0) && lp->lower[j] != lp->upper[j];
+  }
+
+  // The rise in phase cost from the left to the right segment at the break point where
+  // nonbasic piecewise column j stands (side -1: its lower end, +1: its upper end); kInf
+  // when there is no segment beyond (then that side is no candidate). Convexity makes it
+  // at least 0, so at most one side of a break point is attractive.
+  double readingGap(int j, int side) const {
+    const int t = pw ? pw->termOf[j] : -1;
+    if (t < 0) return kInf;
+    const int s = pw->seg[t];
+    // Only a column standing on the break point itself, not on a shifted bound.
+    if (!breakPoint(j, side) || (side < 0 ? pp->lo[j] != pw->left[s] : pp->up[j] != pw->right[s])) return kInf;
+    if (pp->phase == 2) return segmentRise(j, side);
+    return pp->twoStage ? side * (pw->slope[s + side] - pw->slope[s]) / pp->bigM : 0.0;
+  }
+
+  // Whether the end of the segment in force on side (-1 lower, +1 upper) of piecewise
+  // column j is an inner break point.
+  bool breakPoint(int j, int side) const {
+    const int t = pw ? pw->termOf[j] : -1;
+    if (t < 0) return false;
+    const int o = pw->seg[t] + side;
+    return o >= pw->beg[t] && o < pw->beg[t + 1];
+  }
+
+  // The rise in phase-2 cost past the end of the segment in force on side (-1 lower, +1
+  // upper) of a piecewise column, going outward; kInf when that end is no inner break point.
+  double segmentRise(int j, int side) const {
+    if (!breakPoint(j, side)) return kInf;
+    const int t = pw->termOf[j], s = pw->seg[t];
+    return lp->zeroObjectiveMode ? 0.0 : side * (pw->slope[s + side] - pw->slope[s]);
+  }
+
+  // Turns nonbasic piecewise column j, at a break point, to the reading of the segment on
+  // the side of dir: it stays where it is, its cost and reduced cost change. False when j
+  // already faces dir.
+  bool faceDirection(int j, int dir) {
+    const int t = pw ? pw->termOf[j] : -1;
+    const int s = lp->varStat[j];
+    if (t < 0 || !((s == VRX_VS_LOWER && dir < 0) || (s == VRX_VS_UPPER && dir > 0))) return false;
+    const double g = readingGap(j, dir);
+    pwlSetSegment(lp, t, pw->seg[t] + dir);
+    pp->lo[j] = lp->lower[j];
+    pp->up[j] = lp->upper[j];
+    lp->varStat[j] = dir < 0 ? VRX_VS_UPPER : VRX_VS_LOWER;
+    d[j] += T(dir * g);
+    return true;
+  }
+
+  // Puts the basic piecewise column at position p on the segment that holds its value (the
+  // end one beyond the range) so that its class and cost are those of that point. True when
+  // the segment changed.
+  bool holdSegment(int p) {
+    const int j = f->basisHead[p];
+    const int t = pw ? pw->termOf[j] : -1;
+    if (t < 0) return false;
+    const double v = static_cast<double>(x[p]), tol = lp->feasTol;
+    const int b = pw->beg[t], e = pw->beg[t + 1], cur = pw->seg[t];
+    if (v >= pw->left[cur] - tol && v <= pw->right[cur] + tol) return false;
+    int s = cur;
+    while (s + 1 < e && v > pw->right[s]) s++;
+    while (s > b && v < pw->left[s]) s--;
+    if (s == cur) return false;
+    pwlSetSegment(lp, t, s);
+    pp->lo[j] = lp->lower[j];
+    pp->up[j] = lp->upper[j];
+    return true;
   }
 
   // Lists j among the pricing candidates when its new reduced cost makes it attractive.

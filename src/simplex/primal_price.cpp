@@ -12,27 +12,6 @@ namespace {
 // Attractive columns that partial pricing keeps between iterations.
 constexpr int kHotCap = 32;
 
-// The dual infeasibility of nonbasic j and the direction that reduces the objective, or 0
-// when j is not a candidate at tolerance tol.
-template <class T>
-inline T infeasOf(const VRXlp* lp, int st, T dj, T tol, int* dir) {
-  if (st == VRX_VS_LOWER) {
-    if (dj >= -tol) return T(0);
-    *dir = 1;
-    return -dj;
-  }
-  if (st == VRX_VS_UPPER) {
-    if (dj <= tol) return T(0);
-    *dir = -1;
-    return dj;
-  }
-  (void)lp;
-  const T a = absT(dj);
-  if (a <= tol) return T(0);
-  *dir = dj < T(0) ? 1 : -1;
-  return a;
-}
-
 }  // namespace
 
 // Partial pricing from the duals: the attractive columns kept from earlier scans are priced
@@ -56,7 +35,7 @@ int pricePartial(Ctx<T>& c, T tol) {
     const T dj = c.freshD(j);
     c.d[j] = dj;
     ops += j < c.n ? lp->colLen[j] : 1;
-    const T inf = infeasOf(lp, s, dj, tol, dirOut);
+    const T inf = c.infeasOf(j, s, dj, tol, dirOut);
     return inf == T(0) ? T(0) : inf * inf / T(w[j]);
   };
   int kept = 0;
@@ -153,7 +132,7 @@ int scanList(Ctx<T>& c, T tol, int from, int to, int* bestDirOut) {
       continue;
     }
     int dir = 0;
-    const T inf = (s >= 0 || s < VRX_VS_FREE) ? T(0) : infeasOf(lp, s, c.d[j], tol, &dir);
+    const T inf = (s >= 0 || s < VRX_VS_FREE) ? T(0) : c.infeasOf(j, s, c.d[j], tol, &dir);
     if (inf == T(0)) {
       const int last = list[--pp->infCount];
       list[k] = last;

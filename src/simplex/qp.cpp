@@ -3,6 +3,9 @@
 // along the Newton direction of the reduced Hessian Z'HZ, with a ratio test over the basics
 // and superbasics. A blocking basic swaps with a superbasic; a blocking superbasic goes to its
 // bound; with no superbasic direction left the nonbasics are priced as in the linear loop.
+// Few superbasics: Z'HZ is formed and factored densely. Beyond kDenseSuperbasics the Newton
+// system is solved by conjugate gradients through products with Z and Z' (one ftran and one
+// btran a step), so memory stays linear in the model and no dense block limits the size.
 // Works in the record's scaled units, double arithmetic only.
 #include <algorithm>
 #include <cmath>
@@ -16,6 +19,11 @@
 
 namespace vrx {
 namespace {
+
+constexpr int kDenseSuperbasics = 64;
+constexpr size_t kDenseCells = size_t(1) << 22;
+// Conjugate-gradient steps of one direction; the next iteration goes on from the new point.
+constexpr int kCgSteps = 250;
 
 // H of f = cost'x + x'Hx/2 over the structurals, symmetric, column lists (duplicates summed
 // in products). The copy keeps a term a*x*y as q = 2a: H_xx = q on the diagonal, H_xy = H_yx
@@ -39,14 +47,18 @@ struct QP {
   double* hv = nullptr;  // nm: H times a vector
   int* S = nullptr;      // superbasic variables
   int nS = 0;
-  int capS = 0;
+  int capS = 0;          // superbasics of the dense step
   double* W = nullptr;   // m x capS, column k = B^-1 a_S[k] by position
   double* HS = nullptr;  // capS x capS
-  double* p = nullptr;   // capS
+  double* p = nullptr;   // nm: the step over the superbasics
+  double* cgR = nullptr;  // nm each: residual, search direction and its product
+  double* cgD = nullptr;
+  double* cgW = nullptr;
+  double* tm = nullptr;   // m: a solve's result by row
   VRXsvec in{}, out{};
 
   ~QP() {
-    envFreeAll(env, H.beg, H.ind, H.val, x, g, d, y, dx, hv, S, W, HS, p);
+    envFreeAll(env, H.beg, H.ind, H.val, x, g, d, y, dx, hv, S, W, HS, p, cgR, cgD, cgW, tm);
     svecFree(env, &in);
     svecFree(env, &out);
   }
@@ -124,6 +136,46 @@ void toDense(const VRXsvec& v, int dim, double* to) {
   for (int k = 0; k < v.count; k++) to[v.index[k]] = v.value[v.index[k]];
 }
 
+// a_j'u for a structural or slack j, u by row.
+double colDot(const QP& q, int j, const double* u) {
+  if (j >= q.n) return u[j - q.n];
+  const VRXlp* lp = q.lp;
+  double s = 0;
+  for (int64_t e = lp->colBeg[j]; e < lp->colBeg[j] + lp->colLen[j]; e++) s += u[lp->rowInd[e]] * lp->val[e];
+  return s;
+}
+
+// Adds coef * a_j to the dense right-hand side q.in.
+void addColumn(QP& q, int j, double coef) {
+  if (j >= q.n) {
+    q.in.value[j - q.n] += coef;
+    return;
+  }
+  const VRXlp* lp = q.lp;
+  for (int64_t e = lp->colBeg[j]; e < lp->colBeg[j] + lp->colLen[j]; e++) q.in.value[lp->rowInd[e]] += lp->val[e] * coef;
+}
+
+// Solves B'u = w_B (w over all variables, taken at the basics), or B'u = e_unit when unit is
+// a basis position; u by row into to.
+int btranBasics(QP& q, const double* w, int unit, double* to, Clock& clock) {
+  VRXlp* lp = q.lp;
+  svecClear(&q.in, q.m);
+  if (unit >= 0) {
+    q.in.value[unit] = 1.0;
+    q.in.index[0] = unit;
+    q.in.count = 1;
+  } else {
+    q.in.count = -1;
+    for (int r = 0; r < q.m; r++) q.in.value[r] = w[lp->factor->basisHead[r]];
+  }
+  int rc = VRXbtran(lp->factor, &q.in, &q.out, 1, &clock.work);
+  svecClear(&q.in, q.m);
+  if (rc) return rc;
+  toDense(q.out, q.m, to);
+  svecClear(&q.out, q.m);
+  return 0;
+}
+
 // B^-1 a_j by position into to.
 int ftranColumn(QP& q, int j, double* to, Clock& clock) {
   VRXlp* lp = q.lp;
@@ -190,15 +242,8 @@ int refactor(QP& q, Clock& clock) {
   svecClear(&q.in, q.m);
   q.in.count = -1;
   for (int i = 0; i < q.m; i++) q.in.value[i] = lp->rhs[i];
-  for (int j = 0; j < q.nm; j++) {
-    if (isBasic(q, j) || q.x[j] == 0.0) continue;
-    if (j >= q.n) {
-      q.in.value[j - q.n] -= q.x[j];
-      continue;
-    }
-    for (int64_t k = lp->colBeg[j]; k < lp->colBeg[j] + lp->colLen[j]; k++)
-      q.in.value[lp->rowInd[k]] -= lp->val[k] * q.x[j];
-  }
+  for (int j = 0; j < q.nm; j++)
+    if (!isBasic(q, j) && q.x[j] != 0.0) addColumn(q, j, -q.x[j]);
   rc = VRXftran(lp->factor, &q.in, &q.out, 0, 1, &clock.work);
   svecClear(&q.in, q.m);
   if (rc) return rc;
@@ -214,28 +259,10 @@ int reducedGradient(QP& q, Clock& clock) {
   hessTimes(q, q.x, q.g);
   for (int j = 0; j < q.nm; j++) q.g[j] += lp->cost[j];
   if (q.m > 0) {
-    svecClear(&q.in, q.m);
-    q.in.count = -1;
-    for (int p = 0; p < q.m; p++) q.in.value[p] = q.g[lp->factor->basisHead[p]];
-    int rc = VRXbtran(lp->factor, &q.in, &q.out, 1, &clock.work);
-    svecClear(&q.in, q.m);
+    int rc = btranBasics(q, q.g, -1, q.y, clock);
     if (rc) return rc;
-    toDense(q.out, q.m, q.y);
-    svecClear(&q.out, q.m);
   }
-  for (int j = 0; j < q.nm; j++) {
-    if (isBasic(q, j)) {
-      q.d[j] = 0;
-      continue;
-    }
-    double s = q.g[j];
-    if (j < q.n) {
-      for (int64_t k = lp->colBeg[j]; k < lp->colBeg[j] + lp->colLen[j]; k++) s -= q.y[lp->rowInd[k]] * lp->val[k];
-    } else {
-      s -= q.y[j - q.n];
-    }
-    q.d[j] = s;
-  }
+  for (int j = 0; j < q.nm; j++) q.d[j] = isBasic(q, j) ? 0.0 : q.g[j] - colDot(q, j, q.y);
   return 0;
 }
 
@@ -273,9 +300,23 @@ void choleskySolve(const double* a, int k, int ld, double* b) {
   }
 }
 
-// The superbasic direction: Newton on Z'HZ where it is positive definite, steepest descent
-// otherwise. Fills dx over all variables; returns the slope g'dx.
-int direction(QP& q, Clock& clock, double* slope) {
+// The Newton step's descent check: a step that does not go down is replaced by the steepest
+// descent over the superbasics. Returns the slope d_S'p.
+double descentSlope(QP& q) {
+  double s = 0;
+  for (int k = 0; k < q.nS; k++) s += q.d[q.S[k]] * q.p[k];
+  if (s < 0) return s;
+  s = 0;
+  for (int k = 0; k < q.nS; k++) {
+    q.p[k] = -q.d[q.S[k]];
+    s -= q.p[k] * q.p[k];
+  }
+  return s;
+}
+
+// The dense superbasic direction: Newton on Z'HZ where it is positive definite, steepest
+// descent otherwise. Fills dx over all variables; returns the slope g'dx.
+int denseDirection(QP& q, Clock& clock, double* slope) {
   VRXlp* lp = q.lp;
   const int* head = lp->factor->basisHead;
   const int nS = q.nS, ld = q.capS;
@@ -301,13 +342,7 @@ int direction(QP& q, Clock& clock, double* slope) {
   if (cholesky(q.HS, nS, ld)) choleskySolve(q.HS, nS, ld, q.p);
   else
     for (int k = 0; k < nS; k++) q.p[k] = -q.d[q.S[k]];
-  double s = 0;
-  for (int k = 0; k < nS; k++) s += q.d[q.S[k]] * q.p[k];
-  if (!(s < 0)) {
-    for (int k = 0; k < nS; k++) q.p[k] = -q.d[q.S[k]];
-    s = 0;
-    for (int k = 0; k < nS; k++) s -= q.d[q.S[k]] * q.d[q.S[k]];
-  }
+  const double s = descentSlope(q);
   std::memset(q.dx, 0, sizeof(double) * static_cast<size_t>(q.nm));
   for (int k = 0; k < nS; k++) {
     q.dx[q.S[k]] = q.p[k];
@@ -316,6 +351,92 @@ int direction(QP& q, Clock& clock, double* slope) {
   }
   *slope = s;
   return 0;
+}
+
+// full = Z v: the superbasics take v, the basics -B^-1 (sum v_k a_S[k]), the rest 0.
+int zTimes(QP& q, const double* v, double* full, Clock& clock) {
+  VRXlp* lp = q.lp;
+  std::memset(full, 0, sizeof(double) * static_cast<size_t>(q.nm));
+  svecClear(&q.in, q.m);
+  q.in.count = -1;
+  for (int k = 0; k < q.nS; k++) {
+    full[q.S[k]] = v[k];
+    addColumn(q, q.S[k], v[k]);
+  }
+  if (q.m == 0) return 0;
+  int rc = VRXftran(lp->factor, &q.in, &q.out, 0, 1, &clock.work);
+  svecClear(&q.in, q.m);
+  if (rc) return rc;
+  toDense(q.out, q.m, q.tm);
+  svecClear(&q.out, q.m);
+  for (int r = 0; r < q.m; r++) full[lp->factor->basisHead[r]] -= q.tm[r];
+  return 0;
+}
+
+// out = Z' w over the superbasics: w_S - S' B^-T w_B. With unit set, w is e_unit by
+// position instead (out is then row `unit` of -B^-1 S, the entries a swap there would use).
+int ztTimes(QP& q, const double* w, int unit, double* outS, Clock& clock) {
+  if (q.m > 0) {
+    int rc = btranBasics(q, w, unit, q.tm, clock);
+    if (rc) return rc;
+  }
+  for (int k = 0; k < q.nS; k++) outS[k] = (unit >= 0 ? 0.0 : w[q.S[k]]) - colDot(q, q.S[k], q.tm);
+  return 0;
+}
+
+// w = Z'HZ v over the superbasics.
+int reducedHessTimes(QP& q, const double* v, double* w, Clock& clock) {
+  int rc = zTimes(q, v, q.dx, clock);
+  if (rc) return rc;
+  hessTimes(q, q.dx, q.hv);
+  return ztTimes(q, q.hv, -1, w, clock);
+}
+
+// Conjugate gradients on Z'HZ p = -d_S from p = 0. A direction without curvature ends the
+// run: the point reached so far, or the steepest descent at the first step.
+int cgDirection(QP& q, Clock& clock, double* slope) {
+  const int nS = q.nS;
+  double *p = q.p, *r = q.cgR, *dir = q.cgD, *w = q.cgW;
+  double rr = 0;
+  for (int k = 0; k < nS; k++) {
+    p[k] = 0;
+    r[k] = dir[k] = -q.d[q.S[k]];
+    rr += r[k] * r[k];
+  }
+  // After the step the reduced gradient is what is left of the residual: a hundredth of the
+  // optimality tolerance ends the subspace search at once.
+  const double small = 0.01 * q.lp->optTol;
+  const double stop = std::max(1e-24 * rr, small * small);
+  const int limit = std::min(nS, kCgSteps);
+  for (int it = 0; it < limit && rr > stop; it++) {
+    int rc = reducedHessTimes(q, dir, w, clock);
+    if (rc) return rc;
+    double curv = 0, dd = 0;
+    for (int k = 0; k < nS; k++) {
+      curv += dir[k] * w[k];
+      dd += dir[k] * dir[k];
+    }
+    if (!(curv > 1e-14 * dd)) {
+      if (it == 0) std::memcpy(p, dir, sizeof(double) * static_cast<size_t>(nS));
+      break;
+    }
+    const double alpha = rr / curv;
+    double next = 0;
+    for (int k = 0; k < nS; k++) {
+      p[k] += alpha * dir[k];
+      r[k] -= alpha * w[k];
+      next += r[k] * r[k];
+    }
+    const double beta = next / rr;
+    for (int k = 0; k < nS; k++) dir[k] = r[k] + beta * dir[k];
+    rr = next;
+  }
+  *slope = descentSlope(q);
+  return zTimes(q, p, q.dx, clock);
+}
+
+int direction(QP& q, Clock& clock, double* slope) {
+  return q.nS <= q.capS ? denseDirection(q, clock, slope) : cgDirection(q, clock, slope);
 }
 
 int allocate(QP& q) {
@@ -328,36 +449,23 @@ int allocate(QP& q) {
   q.hv = envCallocArray<double>(env, nm);
   q.y = envCallocArray<double>(env, std::max(m, nm));
   q.S = envAllocArray<int>(env, nm);
-  q.capS = std::min(q.nm, 64);
+  // The dense block W is m x capS: on tall models fewer superbasics take the dense step.
+  q.capS = std::min(q.nm, static_cast<int>(std::max<size_t>(1, std::min<size_t>(kDenseSuperbasics, kDenseCells / m))));
   q.W = envAllocArray<double>(env, m * static_cast<size_t>(q.capS));
   q.HS = envAllocArray<double>(env, static_cast<size_t>(q.capS) * q.capS);
-  q.p = envAllocArray<double>(env, static_cast<size_t>(q.capS));
-  if (!q.x || !q.g || !q.d || !q.dx || !q.hv || !q.y || !q.S || !q.W || !q.HS || !q.p)
+  q.p = envAllocArray<double>(env, nm);
+  q.cgR = envAllocArray<double>(env, nm);
+  q.cgD = envAllocArray<double>(env, nm);
+  q.cgW = envAllocArray<double>(env, nm);
+  q.tm = envCallocArray<double>(env, m);
+  if (!q.x || !q.g || !q.d || !q.dx || !q.hv || !q.y || !q.S || !q.W || !q.HS || !q.p || !q.cgR || !q.cgD ||
+      !q.cgW || !q.tm)
     return VRX_ERROR_OUT_OF_MEMORY;
   if (svecAlloc(env, &q.in, q.m) || svecAlloc(env, &q.out, q.m)) return VRX_ERROR_OUT_OF_MEMORY;
   if (!q.lp->warmStart) {
     q.lp->warmStart = envCallocArray<double>(env, nm);
     if (!q.lp->warmStart) return VRX_ERROR_OUT_OF_MEMORY;
   }
-  return 0;
-}
-
-// Room for one more superbasic in the dense blocks.
-int growS(QP& q) {
-  if (q.nS < q.capS) return 0;
-  const int cap = std::min(q.nm, 2 * q.capS);
-  double* W = envAllocArray<double>(q.env, (static_cast<size_t>(q.m) + 1) * static_cast<size_t>(cap));
-  double* HS = envAllocArray<double>(q.env, static_cast<size_t>(cap) * cap);
-  double* p = envAllocArray<double>(q.env, static_cast<size_t>(cap));
-  if (!W || !HS || !p) {
-    envFreeAll(q.env, W, HS, p);
-    return VRX_ERROR_OUT_OF_MEMORY;
-  }
-  envFreeAll(q.env, q.W, q.HS, q.p);
-  q.W = W;
-  q.HS = HS;
-  q.p = p;
-  q.capS = cap;
   return 0;
 }
 
@@ -453,7 +561,6 @@ int qpLoop(QP& q, Clock& clock) {
         writeBack(q, f);
         return 0;
       }
-      if ((rc = growS(q))) return rc;
       lp->varStat[best] = VRX_VS_FREE;
       q.S[q.nS++] = best;
     }
@@ -503,12 +610,13 @@ int qpLoop(QP& q, Clock& clock) {
         if (q.S[k] == block) q.S[k] = q.S[--q.nS];
       continue;
     }
-    // A basic: the superbasic with the largest entry in its row takes its place.
+    // A basic: the superbasic with the largest entry in its row of B^-1 S takes its place.
     const int r = s;
+    if ((rc = ztTimes(q, nullptr, r, q.cgW, clock))) return rc;
     int enter = -1;
     double big = 0;
     for (int k = 0; k < q.nS; k++) {
-      const double w = std::fabs(q.W[static_cast<size_t>(k) * q.m + r]);
+      const double w = std::fabs(q.cgW[k]);
       if (w > big) big = w, enter = k;
     }
     if (enter < 0 || big < 1e-9) {
@@ -532,6 +640,8 @@ int VRXqpSolve(VRXlp* lp, vrx::Clock& clock) {
   if (!lp || !lp->copy) return VRX_ERROR_NULL_ARGUMENT;
   if (lp->quadMode) return VRX_ERROR_NOT_SUPPORTED;
   if (lp->status != 1) return 0;  // the load found bad bounds
+  // The scaling took Q into account too: its terms count in the work beside the matrix.
+  clockCharge(clock, 2.0 * lp->workFactor * lp->copy->numQNZs);
   // Phase I: a feasible basis with the costs set aside.
   const int keepZero = lp->zeroObjectiveMode;
   lp->zeroObjectiveMode = 1;

@@ -183,14 +183,21 @@ namespace {
 // Holds the solve at a simplex log line past 200 iterations until the test has read it.
 struct Gate {
   std::atomic<int> state{0};  // 0 running, 1 held, 2 released
+  double lastObj = 0;         // the objective of the log line before the one held at
+  double heldIter = 0;
 };
 
 int holdAtProgress(VRXmodel*, void* cbdata, int where, void* usr) {
   auto* g = static_cast<Gate*>(usr);
   if (where != VRX_CB_SIMPLEX || g->state.load() != 0) return 0;
-  double it = 0;
+  double it = 0, obj = 0;
   EXPECT_EQ(0, VRXcbget(cbdata, where, VRX_CB_SPX_ITRCNT, &it));
-  if (it < 200) return 0;
+  EXPECT_EQ(0, VRXcbget(cbdata, where, VRX_CB_SPX_OBJVAL, &obj));
+  if (it < 200) {
+    g->lastObj = obj;
+    return 0;
+  }
+  g->heldIter = it;
   g->state.store(1);
   while (g->state.load() == 1) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   return 0;
@@ -199,47 +206,76 @@ int holdAtProgress(VRXmodel*, void* cbdata, int where, void* usr) {
 }  // namespace
 
 // While an asynchronous solve runs the cached attributes follow it: the iteration count
-// read in the middle of the run is the progress so far, other reads get 10017; the user's
-// callback runs beside the private step, which goes away with the run.
+// and the objective read in the middle of the run are those of the last log line, the work
+// so far is the run's, other reads get 10017; the user's callback runs beside the private
+// step, which goes away with the run. A maximisation reads its own sign.
 TEST_F(Optimize, AsynchronousCacheFollowsTheSolve) {
   std::string path = std::string(VRX_SHARED_DATA) + "/netlib/scfxm2.mps.gz";
-  ASSERT_EQ(0, VRXreadmodel(env, path.c_str(), &m));
-  VRXenv* menv = VRXgetenv(m);
-  VRXsetintparam(menv, "Method", 0);
-  VRXsetintparam(menv, "Presolve", 0);
-  Gate gate;
-  ASSERT_EQ(0, VRXsetcallbackfunc(m, holdAtProgress, &gate));
-  ASSERT_EQ(0, VRXoptimizeasync(m));
-  for (int k = 0; k < 60000 && gate.state.load() != 1; k++)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  ASSERT_EQ(1, gate.state.load()) << "the solve never reached 200 iterations";
-  int status = 0, n = 0;
-  double iters = -1, obj = 0, nodes = 0;
-  EXPECT_EQ(0, VRXgetintattr(m, "Status", &status));
-  EXPECT_EQ(VRX_INPROGRESS, status);
-  EXPECT_EQ(0, VRXgetdblattr(m, "IterCount", &iters));
-  EXPECT_GE(iters, 100.0);  // the log line before this one went into the cache
-  EXPECT_LT(iters, 200.0 + 100.0);
-  EXPECT_EQ(0, VRXgetdblattr(m, "ObjVal", &obj));
-  EXPECT_EQ(1e100, obj);
-  EXPECT_EQ(0, VRXgetdblattr(m, "NodeCount", &nodes));
-  EXPECT_EQ(-1.0, nodes);
-  EXPECT_EQ(VRX_ERROR_OPTIMIZATION_IN_PROGRESS, VRXgetintattr(m, "NumVars", &n));
-  EXPECT_EQ(VRX_ERROR_OPTIMIZATION_IN_PROGRESS, VRXgetdblattr(m, "Runtime", &obj));
-  VRXcallback cb = nullptr;
-  EXPECT_EQ(VRX_ERROR_OPTIMIZATION_IN_PROGRESS, VRXgetcallbackfunc(m, &cb));
-  gate.state.store(2);
-  EXPECT_EQ(0, VRXsync(m));
-  EXPECT_EQ(0, VRXgetintattr(m, "Status", &status));
-  EXPECT_EQ(VRX_OPTIMAL, status);
-  double finalIters = 0;
-  VRXgetdblattr(m, "IterCount", &finalIters);
-  EXPECT_GT(finalIters, iters);
-  ASSERT_EQ(0, VRXgetcallbackfunc(m, &cb));
-  EXPECT_EQ(holdAtProgress, cb);
+  double minObj = 0, minIter = 0;
+  for (int sense : {1, -1}) {
+    VRXfreemodel(m);
+    m = nullptr;
+    ASSERT_EQ(0, VRXreadmodel(env, path.c_str(), &m));
+    VRXenv* menv = VRXgetenv(m);
+    VRXsetintparam(menv, "Method", 0);
+    VRXsetintparam(menv, "Presolve", 0);
+    if (sense < 0) {
+      // The same minimisation, stated as the maximum of the negated objective.
+      int n = 0;
+      VRXgetintattr(m, "NumVars", &n);
+      std::vector<double> c(n);
+      VRXgetdblattrarray(m, "Obj", 0, n, c.data());
+      for (double& v : c) v = -v;
+      VRXsetdblattrarray(m, "Obj", 0, n, c.data());
+      VRXsetintattr(m, "ModelSense", -1);
+    }
+    Gate gate;
+    ASSERT_EQ(0, VRXsetcallbackfunc(m, holdAtProgress, &gate));
+    ASSERT_EQ(0, VRXoptimizeasync(m));
+    for (int k = 0; k < 60000 && gate.state.load() != 1; k++)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    ASSERT_EQ(1, gate.state.load()) << "the solve never reached 200 iterations";
+    int status = 0, n = 0;
+    double iters = -1, obj = 0, nodes = 0, work = -1, finalWork = 0;
+    EXPECT_EQ(0, VRXgetintattr(m, "Status", &status));
+    EXPECT_EQ(VRX_INPROGRESS, status);
+    EXPECT_EQ(0, VRXgetdblattr(m, "IterCount", &iters));
+    EXPECT_GE(iters, 100.0);  // the log line before this one went into the cache
+    EXPECT_LT(iters, 200.0 + 100.0);
+    EXPECT_EQ(0, VRXgetdblattr(m, "ObjVal", &obj));
+    EXPECT_EQ(gate.lastObj, obj);
+    EXPECT_EQ(0, VRXgetdblattr(m, "RunVTime", &work));
+    EXPECT_GT(work, 0.0);
+    if (sense > 0) {
+      minObj = obj;
+      minIter = gate.heldIter;
+    } else {
+      EXPECT_EQ(minIter, gate.heldIter);
+      EXPECT_EQ(-minObj, obj);
+    }
+    EXPECT_EQ(0, VRXgetdblattr(m, "NodeCount", &nodes));
+    EXPECT_EQ(-1.0, nodes);
+    EXPECT_EQ(VRX_ERROR_OPTIMIZATION_IN_PROGRESS, VRXgetintattr(m, "NumVars", &n));
+    EXPECT_EQ(VRX_ERROR_OPTIMIZATION_IN_PROGRESS, VRXgetdblattr(m, "Runtime", &obj));
+    VRXcallback cb = nullptr;
+    EXPECT_EQ(VRX_ERROR_OPTIMIZATION_IN_PROGRESS, VRXgetcallbackfunc(m, &cb));
+    gate.state.store(2);
+    EXPECT_EQ(0, VRXsync(m));
+    EXPECT_EQ(0, VRXgetintattr(m, "Status", &status));
+    EXPECT_EQ(VRX_OPTIMAL, status);
+    double finalIters = 0;
+    VRXgetdblattr(m, "IterCount", &finalIters);
+    EXPECT_GT(finalIters, iters);
+    EXPECT_EQ(0, VRXgetdblattr(m, "RunVTime", &finalWork));
+    EXPECT_GT(finalWork, work);
+    ASSERT_EQ(0, VRXgetcallbackfunc(m, &cb));
+    EXPECT_EQ(holdAtProgress, cb);
+  }
   // Without a user callback the private step is the only one, and it goes with the run.
+  VRXcallback cb = nullptr;
+  int status = 0;
   ASSERT_EQ(0, VRXsetcallbackfunc(m, nullptr, nullptr));
-  VRXsetintparam(menv, "Method", 1);
+  VRXsetintparam(VRXgetenv(m), "Method", 1);
   ASSERT_EQ(0, VRXoptimizeasync(m));
   EXPECT_EQ(0, VRXsync(m));
   ASSERT_EQ(0, VRXgetcallbackfunc(m, &cb));

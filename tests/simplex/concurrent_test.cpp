@@ -4,13 +4,17 @@
 
 #include <atomic>
 #include <cmath>
+#include <cstring>
 #include <cstdlib>
 #include <thread>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "../support/capture.h"
+#include "../support/hooks.h"
+#include "env/env.h"
 #include "../support/modeldef.h"
 #include "vornix_c.h"
 #include "../support/shared_data.h"
@@ -28,6 +32,28 @@ using vrxtest::readNetlib;
 int stopAtOnce(VRXmodel* model, void*, int where, void*) {
   if (where == VRX_CB_POLLING || where == VRX_CB_SIMPLEX) VRXterminate(model);
   return 0;
+}
+
+ModelDef infeasibleDef() {  // x + y <= 1 and x + y >= 3
+  ModelDef s;
+  s.obj = {1, 1};
+  s.lb = {0, 0};
+  s.ub = {1e100, 1e100};
+  s.rhs = {1, 3};
+  s.sense = "<>";
+  s.cols = {{{0, 1}, {1, 1}}, {{0, 1}, {1, 1}}};
+  return s;
+}
+
+ModelDef unboundedDef() {  // min -x - y with x - y <= 2
+  ModelDef s;
+  s.obj = {-1, -1};
+  s.lb = {0, 0};
+  s.ub = {1e100, 1e100};
+  s.rhs = {2};
+  s.sense = "<";
+  s.cols = {{{0, 1}}, {{0, -1}}};
+  return s;
 }
 
 }  // namespace
@@ -82,14 +108,7 @@ TEST(Concurrent, InfeasibleUnboundedAndTerminate) {
   VRXsetintparam(env, "OutputFlag", 0);
   VRXsetintparam(env, "VORN_PAR_SPXCONCURRENT", 1);
   {
-    ModelDef s;  // x + y <= 1 and x + y >= 3
-    s.obj = {1, 1};
-    s.lb = {0, 0};
-    s.ub = {1e100, 1e100};
-    s.rhs = {1, 3};
-    s.sense = "<>";
-    s.cols = {{{0, 1}, {1, 1}}, {{0, 1}, {1, 1}}};
-    VRXmodel* m = loadModelDef(env, s);
+    VRXmodel* m = loadModelDef(env, infeasibleDef());
     VRXsetintparam(VRXgetenv(m), "Presolve", 0);
     ASSERT_EQ(0, VRXoptimize(m));
     int status = 0;
@@ -98,14 +117,7 @@ TEST(Concurrent, InfeasibleUnboundedAndTerminate) {
     VRXfreemodel(m);
   }
   {
-    ModelDef s;  // min -x - y with x - y <= 2
-    s.obj = {-1, -1};
-    s.lb = {0, 0};
-    s.ub = {1e100, 1e100};
-    s.rhs = {2};
-    s.sense = "<";
-    s.cols = {{{0, 1}}, {{0, -1}}};
-    VRXmodel* m = loadModelDef(env, s);
+    VRXmodel* m = loadModelDef(env, unboundedDef());
     VRXsetintparam(VRXgetenv(m), "Presolve", 0);
     ASSERT_EQ(0, VRXoptimize(m));
     int status = 0;
@@ -240,4 +252,340 @@ TEST(Concurrent, CallbackSeesProgressNotTheCopiesLog) {
   EXPECT_EQ(std::string::npos, seen.text.find("Iteration    Objective")) << seen.text;
   VRXfreemodel(m);
   VRXfreeenv(env);
+}
+
+namespace {
+
+// A second thread that starts only when it is joined, that is after the caller's instance
+// ended: the instance on the caller's thread wins whenever it ends with a result.
+struct Deferred {
+  void (*start)(void*);
+  void* arg;
+};
+int deferredCreate(void** handle, void (*start)(void*), void* arg, void*) {
+  *handle = new Deferred{start, arg};
+  return 0;
+}
+void deferredJoin(void* handle, void*) {
+  auto* d = static_cast<Deferred*>(handle);
+  d->start(d->arg);
+  delete d;
+}
+
+// A thread that runs to its end inside the create hook, before the caller's instance
+// starts: that one finds the others done and the winner named.
+int eagerCreate(void** handle, void (*start)(void*), void* arg, void*) {
+  start(arg);
+  *handle = nullptr;
+  return 0;
+}
+void eagerJoin(void*, void*) {}
+
+// Reads the published basis and solution of a solved model and checks them against each
+// other: m basic entries, nonbasic columns at a bound, and a fresh model started from that
+// basis ends at once with the same objective.
+void expectConsistentBasis(VRXenv* env, const char* name, VRXmodel* m, double obj) {
+  int n = 0, rows = 0;
+  VRXgetintattr(m, "NumVars", &n);
+  VRXgetintattr(m, "NumConstrs", &rows);
+  std::vector<int> vb(n), cb(rows);
+  std::vector<double> x(n), lb(n), ub(n);
+  ASSERT_EQ(0, VRXgetintattrarray(m, "VBasis", 0, n, vb.data())) << name;
+  ASSERT_EQ(0, VRXgetintattrarray(m, "CBasis", 0, rows, cb.data())) << name;
+  VRXgetdblattrarray(m, "X", 0, n, x.data());
+  VRXgetdblattrarray(m, "LB", 0, n, lb.data());
+  VRXgetdblattrarray(m, "UB", 0, n, ub.data());
+  int basic = 0;
+  for (int j = 0; j < n; j++) {
+    basic += vb[j] == 0;
+    if (vb[j] == -1) EXPECT_NEAR(lb[j], x[j], 1e-9 * (1 + std::fabs(lb[j]))) << name << " " << j;
+    if (vb[j] == -2) EXPECT_NEAR(ub[j], x[j], 1e-9 * (1 + std::fabs(ub[j]))) << name << " " << j;
+  }
+  for (int i = 0; i < rows; i++) basic += cb[i] == 0;
+  EXPECT_EQ(rows, basic) << name;
+  VRXmodel* again = readNetlib(env, name);
+  VRXsetintparam(VRXgetenv(again), "Presolve", 0);
+  VRXsetintattrarray(again, "VBasis", 0, n, vb.data());
+  VRXsetintattrarray(again, "CBasis", 0, rows, cb.data());
+  ASSERT_EQ(0, VRXoptimize(again)) << name;
+  double it = -1, obj2 = 0;
+  VRXgetdblattr(again, "IterCount", &it);
+  VRXgetdblattr(again, "ObjVal", &obj2);
+  EXPECT_EQ(0, it) << name;
+  EXPECT_NEAR(obj, obj2, 1e-9 * (1 + std::fabs(obj))) << name;
+  VRXfreemodel(again);
+}
+
+}  // namespace
+
+// PreDual 2 on two threads solves the model and its dual form at once. Whichever form wins,
+// the model ends with the reference optimum and an optimal basis of its own; the winner is
+// forced both ways by the host's thread hooks: the second thread run to its end before the
+// caller's instance starts, or started only after the caller's instance ended.
+TEST(Concurrent, ModelAndDualFormAtOnce) {
+  for (int force = 0; force < 2; ++force) {
+    Counts counts;
+    VRXenv* env = nullptr;
+    ASSERT_EQ(0, VRXloadenvsyscb(&env, nullptr, cMalloc, cCalloc, cRealloc, cFree,
+                                 force == 0 ? eagerCreate : deferredCreate,
+                                 force == 0 ? eagerJoin : deferredJoin, &counts));
+    VRXsetintparam(env, "OutputFlag", 0);
+    // Without presolve the race is on the model itself, with it on the presolved model.
+    for (const char* name : {"afiro", "sc50b", "adlittle", "share2b", "blend", "presolved:sc50b",
+                             "presolved:adlittle", "presolved:share2b"}) {
+      const bool presolve = std::strncmp(name, "presolved:", 10) == 0;
+      if (presolve) name += 10;
+      VRXmodel* m = readNetlib(env, name);
+      ASSERT_NE(nullptr, m);
+      VRXenv* menv = VRXgetenv(m);
+      VRXsetintparam(menv, "Presolve", presolve ? -1 : 0);
+      VRXsetintparam(menv, "PreDual", 2);
+      VRXsetintparam(menv, "Threads", 2);
+      captureLogOf(menv);
+      ASSERT_EQ(0, VRXoptimize(m)) << name;
+      int status = 0, winner = -1;
+      double obj = 0;
+      VRXgetintattr(m, "Status", &status);
+      VRXgetdblattr(m, "ObjVal", &obj);
+      ASSERT_EQ(VRX_OPTIMAL, status) << name;
+      ASSERT_EQ(0, VRXgetintattr(m, "ConcurrentWinner", &winner)) << name;
+      EXPECT_EQ(force == 0 ? 1 : 0, winner) << name;
+      const double ref = referenceOf(name);
+      EXPECT_NEAR(ref, obj, 1e-6 * std::max(1.0, std::fabs(ref))) << name;
+      EXPECT_NE(std::string::npos, capturedLog().find("Optimal objective ")) << name;
+      // The flag raised to stop the caller's instance does not outlive the solve.
+      EXPECT_EQ(0, menv->terminateFlag) << name;
+      expectConsistentBasis(env, name, m, obj);
+      VRXfreemodel(m);
+    }
+    // Models without an optimum: the winner's verdict stands, in the model's terms (the dual
+    // form unbounded proves the model infeasible; infeasible, it leaves both open).
+    for (int infeasible = 1; infeasible >= 0; --infeasible) {
+      VRXmodel* m = loadModelDef(env, infeasible ? infeasibleDef() : unboundedDef());
+      VRXenv* menv = VRXgetenv(m);
+      VRXsetintparam(menv, "Presolve", 0);
+      VRXsetintparam(menv, "PreDual", 2);
+      VRXsetintparam(menv, "Threads", 2);
+      ASSERT_EQ(0, VRXoptimize(m));
+      int status = 0, winner = -1;
+      VRXgetintattr(m, "Status", &status);
+      ASSERT_EQ(0, VRXgetintattr(m, "ConcurrentWinner", &winner));
+      EXPECT_EQ(force == 0 ? 1 : 0, winner);
+      if (infeasible)
+        EXPECT_EQ(VRX_INFEASIBLE, status);
+      else
+        EXPECT_EQ(force == 0 ? VRX_INF_OR_UNBD : VRX_UNBOUNDED, status);
+      VRXfreemodel(m);
+    }
+    VRXfreeenv(env);
+    EXPECT_EQ(0, counts.live.load());
+  }
+}
+
+namespace {
+
+const char* const kSolvedWith[] = {"Solved with barrier\n", "Solved with dual simplex\n", "Solved with primal simplex\n"};
+
+// The index in kSolvedWith of the closing line the log holds, -1 when none or several.
+int solvedWith(const std::string& log) {
+  int found = -1;
+  for (int k = 0; k < 3; ++k) {
+    if (log.find(kSolvedWith[k]) == std::string::npos) continue;
+    if (found >= 0) return -1;
+    found = k;
+  }
+  return found;
+}
+
+}  // namespace
+
+// Methods 3, 4 and 5: the header of the instance table, the winner's closing lines, the
+// reference optimum with a basis of the model's own; the deterministic forms repeat to the
+// bit; a small model runs one instance without a header.
+TEST(Concurrent, ConcurrentLpOptimizer) {
+  VRXenv* env = nullptr;
+  ASSERT_EQ(0, VRXloadenv(&env, nullptr));
+  VRXsetintparam(env, "OutputFlag", 0);
+  struct Case {
+    int method, threads, spx, crossover;
+    const char* header;
+    // The method of each instance in the order of ConcurrentWinner.
+    std::vector<int> solvedWithOf;
+  };
+  const std::vector<Case> cases = {
+      {3, 2, 0, -1, "Concurrent LP optimizer: dual simplex and barrier\nShowing barrier log only...\n", {0, 1}},
+      {4, 2, 0, 0, "Deterministic concurrent LP optimizer: dual simplex and barrier\nShowing barrier log only...\n", {0, 1}},
+      {3, 4, 1, -1,
+       "Concurrent LP optimizer: primal simplex, dual simplex, and barrier\nShowing barrier log only...\n", {0, 1, 2}},
+      {5, 2, 0, -1, "Deterministic concurrent LP optimizer: primal and dual simplex\nShowing first log only...\n", {2, 1}},
+  };
+  const char* name = "scfxm2";
+  const double ref = referenceOf(name);
+  for (const Case& c : cases) {
+    double firstObj = 0, firstIters = -1;
+    int firstWinner = -1;
+    for (int round = 0; round < (c.method == 3 ? 1 : 2); ++round) {
+      VRXmodel* m = readNetlib(env, name);
+      VRXenv* menv = VRXgetenv(m);
+      VRXsetintparam(menv, "Method", c.method);
+      VRXsetintparam(menv, "Threads", c.threads);
+      VRXsetintparam(menv, "VORN_PAR_SPXCONCURRENT", c.spx);
+      VRXsetintparam(menv, "Crossover", c.crossover);
+      captureLogOf(menv);
+      ASSERT_EQ(0, VRXoptimize(m)) << c.header;
+      const std::string log = capturedLog();
+      VRXsetintparam(menv, "OutputFlag", 0);
+      EXPECT_NE(std::string::npos, log.find(c.header)) << log;
+      EXPECT_EQ(c.crossover == 0, log.find("Warning: Concurrent optimizer requires crossover - forcing it on\n") !=
+                                      std::string::npos);
+      int status = 0, winner = -1;
+      double obj = 0, iters = 0;
+      VRXgetintattr(m, "Status", &status);
+      VRXgetdblattr(m, "ObjVal", &obj);
+      VRXgetdblattr(m, "IterCount", &iters);
+      ASSERT_EQ(VRX_OPTIMAL, status) << c.header;
+      EXPECT_NEAR(ref, obj, 1e-6 * std::max(1.0, std::fabs(ref))) << c.header;
+      ASSERT_EQ(0, VRXgetintattr(m, "ConcurrentWinner", &winner));
+      ASSERT_GE(winner, 0);
+      ASSERT_LT(winner, static_cast<int>(c.solvedWithOf.size()));
+      const int line = solvedWith(log);
+      EXPECT_EQ(c.solvedWithOf[static_cast<size_t>(winner)], line) << log;
+      if (line >= 0) {
+        char closing[128];
+        std::snprintf(closing, sizeof closing, "%sSolved in %d iterations and ", kSolvedWith[line],
+                      static_cast<int>(iters));
+        EXPECT_NE(std::string::npos, log.find(closing)) << log;
+      }
+      EXPECT_NE(std::string::npos, log.find("Optimal objective ")) << log;
+      if (round == 0) {
+        firstObj = obj;
+        firstIters = iters;
+        firstWinner = winner;
+        expectConsistentBasis(env, name, m, obj);
+      } else {
+        EXPECT_EQ(firstWinner, winner) << c.header;
+        EXPECT_EQ(firstIters, iters) << c.header;
+        EXPECT_EQ(firstObj, obj) << c.header;
+      }
+      VRXfreemodel(m);
+    }
+  }
+  {
+    // The dual instance done before the primal one starts (by the user's settings, as the
+    // table puts the barrier first): the primal's closing lines say so.
+    Counts counts;
+    VRXenv* eager = nullptr;
+    ASSERT_EQ(0, VRXloadenvsyscb(&eager, nullptr, cMalloc, cCalloc, cRealloc, cFree, eagerCreate, eagerJoin, &counts));
+    VRXsetintparam(eager, "OutputFlag", 0);
+    VRXmodel* m = readNetlib(eager, name);
+    VRXenv* menv = VRXgetenv(m);
+    VRXsetintparam(menv, "Method", 3);
+    VRXsetintparam(menv, "Threads", 2);
+    VRXsetintparam(VRXgetconcurrentenv(m, 0), "Method", 0);
+    VRXsetintparam(VRXgetconcurrentenv(m, 1), "Method", 1);
+    captureLogOf(menv);
+    ASSERT_EQ(0, VRXoptimize(m));
+    const std::string log = capturedLog();
+    VRXsetintparam(menv, "OutputFlag", 0);
+    int winner = -1;
+    VRXgetintattr(m, "ConcurrentWinner", &winner);
+    EXPECT_EQ(1, winner);
+    EXPECT_NE(std::string::npos, log.find("Simplex solve interrupted - model solved by another algorithm\n")) << log;
+    EXPECT_EQ(std::string::npos, log.find("Solve interrupted\n")) << log;
+    EXPECT_NE(std::string::npos, log.find("\nSolved with dual simplex\nSolved in ")) << log;
+    VRXfreemodel(m);
+    VRXfreeenv(eager);
+    EXPECT_EQ(0, counts.live.load());
+  }
+  // Under 500 rows one instance runs, with no header.
+  VRXmodel* m = readNetlib(env, "afiro");
+  VRXenv* menv = VRXgetenv(m);
+  VRXsetintparam(menv, "Method", 4);
+  VRXsetintparam(menv, "Threads", 4);
+  captureLogOf(menv);
+  ASSERT_EQ(0, VRXoptimize(m));
+  EXPECT_EQ(std::string::npos, capturedLog().find("concurrent LP optimizer")) << capturedLog();
+  VRXsetintparam(menv, "OutputFlag", 0);
+  int status = 0;
+  VRXgetintattr(m, "Status", &status);
+  EXPECT_EQ(VRX_OPTIMAL, status);
+  VRXfreemodel(m);
+  VRXfreeenv(env);
+}
+
+// The user's concurrent environments: each must exist and name a simplex method or the
+// barrier, with the messages for each failure; valid ones give the instances their settings.
+TEST(Concurrent, ConcurrentLpUserEnvironments) {
+  VRXenv* env = nullptr;
+  ASSERT_EQ(0, VRXloadenv(&env, nullptr));
+  VRXsetintparam(env, "OutputFlag", 0);
+  VRXmodel* m = readNetlib(env, "scfxm2");
+  VRXenv* menv = VRXgetenv(m);
+  VRXsetintparam(menv, "Method", 3);
+  VRXsetintparam(menv, "Threads", 2);
+  VRXenv* second = VRXgetconcurrentenv(m, 1);
+  ASSERT_NE(nullptr, second);
+  EXPECT_EQ(VRX_ERROR_INVALID_ARGUMENT, VRXoptimize(m));
+  EXPECT_STREQ("Concurrent environment 0 missing", VRXgeterrormsg(menv));
+  VRXenv* first = VRXgetconcurrentenv(m, 0);
+  ASSERT_NE(nullptr, first);
+  VRXsetintparam(first, "Method", 4);
+  EXPECT_EQ(VRX_ERROR_INVALID_ARGUMENT, VRXoptimize(m));
+  EXPECT_STREQ("Concurrent sub-algorithm must be simplex or barrier", VRXgeterrormsg(menv));
+  VRXsetintparam(first, "Method", 0);
+  VRXsetintparam(second, "Method", 1);
+  captureLogOf(menv);
+  ASSERT_EQ(0, VRXoptimize(m));
+  const std::string log = capturedLog();
+  VRXsetintparam(menv, "OutputFlag", 0);
+  EXPECT_NE(std::string::npos, log.find("Concurrent LP optimizer: user settings\nShowing first log only...\n")) << log;
+  int status = 0, winner = -1;
+  VRXgetintattr(m, "Status", &status);
+  EXPECT_EQ(VRX_OPTIMAL, status);
+  ASSERT_EQ(0, VRXgetintattr(m, "ConcurrentWinner", &winner));
+  EXPECT_EQ(winner == 0 ? 2 : 1, solvedWith(log)) << log;
+  VRXfreemodel(m);
+  VRXfreeenv(env);
+}
+
+// Every allocation of a race may fail, in the race of the two forms and in the concurrent
+// LP optimiser: the solve reports 10001 or ends as usual, and no block is left behind. The
+// eager thread hook makes the instances run one after the other, so every run counts the
+// same allocations.
+TEST(Concurrent, FailedAllocationsLeaveNothing) {
+  for (int kind = 0; kind < 2; ++kind) {
+    long total = -1;
+    for (long fail = -1; fail < total || total < 0; ++fail) {
+      HookState s;
+      VRXenv* env = nullptr;
+      ASSERT_EQ(0, VRXloadenvsyscb(&env, nullptr, hookMalloc, hookCalloc, hookRealloc, hookFree, eagerCreate,
+                                   eagerJoin, &s));
+      VRXsetintparam(env, "OutputFlag", 0);
+      VRXmodel* m = readNetlib(env, "afiro");
+      ASSERT_NE(nullptr, m);
+      VRXenv* menv = VRXgetenv(m);
+      VRXsetintparam(menv, "Threads", 2);
+      if (kind == 0) {
+        VRXsetintparam(menv, "Presolve", 0);
+        VRXsetintparam(menv, "PreDual", 2);
+      } else {
+        VRXsetintparam(menv, "Method", 3);
+        VRXsetintparam(VRXgetconcurrentenv(m, 0), "Method", 2);
+        VRXsetintparam(VRXgetconcurrentenv(m, 1), "Method", 1);
+      }
+      s.calls = 0;
+      s.failAt = fail;
+      const int rc = VRXoptimize(m);
+      if (fail < 0) {
+        total = s.calls;
+        ASSERT_EQ(0, rc);
+      } else {
+        EXPECT_TRUE(rc == 0 || rc == VRX_ERROR_OUT_OF_MEMORY) << "kind " << kind << " fail " << fail << " rc " << rc;
+      }
+      s.failAt = -1;
+      VRXfreemodel(m);
+      VRXfreeenv(env);
+      EXPECT_EQ(0, s.live) << "kind " << kind << " fail " << fail;
+    }
+  }
 }

@@ -10,8 +10,10 @@
 
 #include "../support/capture.h"
 #include "../support/modeldef.h"
+#include "../support/hooks.h"
 #include "model/model.h"
 #include "model/modeldata.h"
+#include "model/result.h"
 #include "presolve/lpbridge.h"
 #include "simplex/dual.h"
 #include "simplex/lp.h"
@@ -723,5 +725,222 @@ TEST(Driver, FinalFactorCheck) {
     lp->Bbar[0] += 10.0;
     ASSERT_EQ(0, vrx::lpCheckFinalFactor(lp, clk, &ok));
     EXPECT_FALSE(ok) << name;
+  }
+}
+
+namespace {
+
+// The optimum of a Netlib model solved cold: values, row duals, objective, iterations.
+struct Optimum {
+  int n = 0, rows = 0;
+  std::vector<double> x, pi;
+  double obj = 0, iters = 0;
+};
+
+Optimum solveCold(VRXenv* env, const char* name) {
+  Optimum o;
+  Model h(readNetlib(env, name));
+  VRXsetintparam(VRXgetenv(h.m), "Presolve", 0);
+  EXPECT_EQ(0, VRXoptimize(h.m));
+  VRXgetintattr(h.m, "NumVars", &o.n);
+  VRXgetintattr(h.m, "NumConstrs", &o.rows);
+  o.x.resize(o.n);
+  o.pi.resize(o.rows);
+  VRXgetdblattrarray(h.m, "X", 0, o.n, o.x.data());
+  VRXgetdblattrarray(h.m, "Pi", 0, o.rows, o.pi.data());
+  VRXgetdblattr(h.m, "ObjVal", &o.obj);
+  VRXgetdblattr(h.m, "IterCount", &o.iters);
+  return o;
+}
+
+}  // namespace
+
+// Starts without a basis: PStart alone (values as superbasics, the tight rows taking the
+// off-bound columns), DStart alone (basic columns by reduced cost; the missing PStart is
+// reported), and both. At the optimum each ends at the reference objective with either
+// method, in a few iterations with values and in clearly fewer than the cold solve with
+// duals alone; a maximisation reads its duals in its own sense.
+TEST(Driver, StartsWithoutABasis) {
+  Env e;
+  for (const char* name : {"afiro", "sc105", "adlittle", "share2b", "scagr7"}) {
+    const Optimum o = solveCold(e.env, name);
+    ASSERT_GT(o.iters, 10) << name;
+    for (int method = 0; method <= 1; ++method) {
+      for (int parts = 1; parts <= 3; ++parts) {  // 1 PStart, 2 DStart, 3 both
+        Model h(readNetlib(e.env, name));
+        VRXenv* menv = VRXgetenv(h.m);
+        VRXsetintparam(menv, "Method", method);
+        if (parts & 1) ASSERT_EQ(0, VRXsetdblattrarray(h.m, "PStart", 0, o.n, o.x.data()));
+        if (parts & 2) ASSERT_EQ(0, VRXsetdblattrarray(h.m, "DStart", 0, o.rows, o.pi.data()));
+        captureLogOf(menv);
+        ASSERT_EQ(0, VRXoptimize(h.m)) << name;
+        const std::string log = capturedLog();
+        VRXsetintparam(menv, "OutputFlag", 0);
+        EXPECT_EQ(parts == 2, log.find("Warning, invalid warm-start solution discarded\n") != std::string::npos)
+            << name << " " << parts;
+        // The start is in the original's terms: presolve does not run.
+        EXPECT_EQ(std::string::npos, log.find("Presolve time")) << name;
+        int status = 0;
+        double obj = 0, it = -1;
+        VRXgetintattr(h.m, "Status", &status);
+        VRXgetdblattr(h.m, "ObjVal", &obj);
+        VRXgetdblattr(h.m, "IterCount", &it);
+        EXPECT_EQ(2, status) << name << " parts " << parts << " method " << method;
+        EXPECT_NEAR(o.obj, obj, 1e-7 * (1 + std::fabs(o.obj))) << name << " parts " << parts;
+        // Duals alone leave the degenerate choices open: fewer iterations than cold, not few.
+        const double bound = parts == 2 ? 0.6 * o.iters : std::max(3.0, 0.25 * o.iters);
+        EXPECT_LE(it, bound) << name << " parts " << parts << " method " << method;
+      }
+    }
+  }
+  // max 2x + y: x + y <= 4, x - y <= 2, x, y in [0, 3]; optimum x 3, y 1, duals 1.5, 0.5.
+  ModelDef s;
+  s.objSense = -1;
+  s.obj = {2, 1};
+  s.lb = {0, 0};
+  s.ub = {3, 3};
+  s.rhs = {4, 2};
+  s.sense = "<<";
+  s.cols = {{{0, 1}, {1, 1}}, {{0, 1}, {1, -1}}};
+  Model ref(loadModelDef(e.env, s));
+  ASSERT_EQ(0, VRXoptimize(ref.m));
+  double pi[2] = {0, 0};
+  VRXgetdblattrarray(ref.m, "Pi", 0, 2, pi);
+  Model h(loadModelDef(e.env, s));
+  ASSERT_EQ(0, VRXsetdblattrarray(h.m, "DStart", 0, 2, pi));
+  ASSERT_EQ(0, VRXoptimize(h.m));
+  double obj = 0, it = -1;
+  VRXgetdblattr(h.m, "ObjVal", &obj);
+  VRXgetdblattr(h.m, "IterCount", &it);
+  EXPECT_NEAR(7, obj, 1e-9);
+  EXPECT_EQ(0, it);
+}
+
+// Bad start values: a NaN is refused at the write with its message and leaves the start
+// unset; a PStart with entries left at 1e100 is reported and ignored; a huge finite value
+// of a free column makes the primal discard the start. Each solve still ends optimal.
+TEST(Driver, BadStartValues) {
+  Env e;
+  const Optimum o = solveCold(e.env, "sc105");
+  {
+    Model h(readNetlib(e.env, "sc105"));
+    std::vector<double> x = o.x;
+    x[3] = NAN;
+    EXPECT_EQ(VRX_ERROR_INVALID_ARGUMENT, VRXsetdblattrarray(h.m, "PStart", 0, o.n, x.data()));
+    EXPECT_NE(std::string::npos, std::string(VRXgeterrormsg(VRXgetenv(h.m))).find("Element 3 of a double array is Nan."))
+        << VRXgeterrormsg(VRXgetenv(h.m));
+    // Nothing was stored: the model has no start to read.
+    double v = 0;
+    ASSERT_EQ(0, VRXupdatemodel(h.m));
+    EXPECT_EQ(VRX_ERROR_DATA_NOT_AVAILABLE, VRXgetdblattrelement(h.m, "PStart", 3, &v));
+  }
+  {
+    Model h(readNetlib(e.env, "sc105"));
+    VRXenv* menv = VRXgetenv(h.m);
+    VRXsetintparam(menv, "Presolve", 0);
+    std::vector<double> x = o.x;
+    x.resize(o.n / 2);  // the second half stays unset
+    ASSERT_EQ(0, VRXsetdblattrarray(h.m, "PStart", 0, static_cast<int>(x.size()), x.data()));
+    captureLogOf(menv);
+    ASSERT_EQ(0, VRXoptimize(h.m));
+    const std::string log = capturedLog();
+    VRXsetintparam(menv, "OutputFlag", 0);
+    EXPECT_NE(std::string::npos, log.find("Warning, invalid warm-start solution discarded\n")) << log;
+    EXPECT_EQ(std::string::npos, log.find("Superbasic variables")) << log;
+    double obj = 0, it = -1;
+    VRXgetdblattr(h.m, "ObjVal", &obj);
+    VRXgetdblattr(h.m, "IterCount", &it);
+    EXPECT_NEAR(o.obj, obj, 1e-7 * (1 + std::fabs(o.obj)));
+    EXPECT_EQ(o.iters, it);  // the cold solve, step for step
+  }
+  {
+    ModelDef s;  // min x - y: x - y >= -2 (y free), x + y <= 6, x in [0, 10]; optimum x 2, y 4
+    s.obj = {1, -1};
+    s.lb = {0, -1e100};
+    s.ub = {10, 1e100};
+    s.rhs = {-2, 6};
+    s.sense = "><";
+    s.cols = {{{0, 1}, {1, 1}}, {{0, -1}, {1, 1}}};
+    Model h(loadModelDef(e.env, s));
+    VRXenv* menv = VRXgetenv(h.m);
+    const double x[2] = {1, 1e35};
+    ASSERT_EQ(0, VRXsetdblattrarray(h.m, "PStart", 0, 2, x));
+    captureLogOf(menv);
+    ASSERT_EQ(0, VRXoptimize(h.m));
+    const std::string log = capturedLog();
+    VRXsetintparam(menv, "OutputFlag", 0);
+    EXPECT_NE(std::string::npos, log.find("Warning: Primal crushed basis discarded.\n")) << log;
+    int status = 0;
+    double obj = 0;
+    VRXgetintattr(h.m, "Status", &status);
+    VRXgetdblattr(h.m, "ObjVal", &obj);
+    EXPECT_EQ(2, status);
+    EXPECT_NEAR(-2, obj, 1e-9);
+  }
+}
+
+// A kept optimum stands only for the method that made it: another Method solves again,
+// from the kept basis, and that method's run is the one published.
+TEST(Driver, KeptRecordAnsweredByItsOwnMethod) {
+  for (const char* name : {"afiro", "sc105"}) {
+    Env e;
+    Model h(readNetlib(e.env, name));
+    VRXenv* menv = VRXgetenv(h.m);
+    VRXsetintparam(menv, "Presolve", 0);
+    VRXsetintparam(menv, "Method", 1);
+    ASSERT_EQ(0, VRXoptimize(h.m));
+    double obj0 = 0, obj = 0, it = -1;
+    VRXgetdblattr(h.m, "ObjVal", &obj0);
+    for (int method : {1, 0, 0, 1}) {
+      VRXsetintparam(menv, "Method", method);
+      ASSERT_EQ(0, VRXoptimize(h.m)) << name;
+      auto* lp = static_cast<VRXlp*>(h.m->lp);
+      ASSERT_NE(nullptr, lp);
+      EXPECT_EQ(method, lp->method) << name;
+      EXPECT_EQ(method, h.m->result->spxMethod) << name;
+      // The dual's weights are published only by a run that the dual ended.
+      EXPECT_EQ(method == 1, h.m->result->vDualNorm != nullptr) << name;
+      VRXgetdblattr(h.m, "IterCount", &it);
+      VRXgetdblattr(h.m, "ObjVal", &obj);
+      EXPECT_EQ(0, it) << name << " method " << method;
+      EXPECT_NEAR(obj0, obj, 1e-9 * (1 + std::fabs(obj0))) << name;
+    }
+  }
+}
+
+// Every allocation of a solve from a start without a basis may fail: the solve reports
+// 10001 or ends as usual, and no block is left behind.
+TEST(Driver, FailedAllocationsInStartsLeaveNothing) {
+  Optimum o;
+  {
+    Env e;
+    o = solveCold(e.env, "afiro");
+  }
+  for (int parts = 1; parts <= 3; ++parts) {
+    long total = -1;
+    for (long fail = -1; fail < total || total < 0; ++fail) {
+      HookState s;
+      VRXenv* env = nullptr;
+      ASSERT_EQ(0, loadWithHooks(&env, &s));
+      VRXsetintparam(env, "OutputFlag", 0);
+      VRXmodel* m = readNetlib(env, "afiro");
+      ASSERT_NE(nullptr, m);
+      if (parts & 1) VRXsetdblattrarray(m, "PStart", 0, o.n, o.x.data());
+      if (parts & 2) VRXsetdblattrarray(m, "DStart", 0, o.rows, o.pi.data());
+      ASSERT_EQ(0, VRXupdatemodel(m));
+      s.calls = 0;
+      s.failAt = fail;
+      const int rc = VRXoptimize(m);
+      if (fail < 0) {
+        total = s.calls;
+        ASSERT_EQ(0, rc);
+      } else {
+        EXPECT_TRUE(rc == 0 || rc == VRX_ERROR_OUT_OF_MEMORY) << "parts " << parts << " fail " << fail << " rc " << rc;
+      }
+      s.failAt = -1;
+      VRXfreemodel(m);
+      VRXfreeenv(env);
+      EXPECT_EQ(0, s.live) << "parts " << parts << " fail " << fail;
+    }
   }
 }

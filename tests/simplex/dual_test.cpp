@@ -730,6 +730,17 @@ TEST(DualSimplex, PerturbedEndHandsOverToThePrimal) {
   EXPECT_EQ(2, handed);  // afiro ends optimal in the dual itself
 }
 
+// A record made ready for one iteration by hand: built, factored, reduced costs computed.
+void readyForIteration(Model& mm, vrx::Clock& clock) {
+  double work = 0;
+  ASSERT_EQ(0, VRXlpSetup(mm.model, 1, &work));
+  VRXlp* lp = mm.lp();
+  ASSERT_EQ(0, VRXdualPrepare(lp, 0, &work));
+  ASSERT_EQ(0, vrx::dual::dualRefactor<double>(lp, clock));
+  ASSERT_EQ(0, vrx::dual::VRXdualCompute<double>(lp, clock));
+  lp->actionCode = 0;
+}
+
 TEST(DualSimplex, SmallPivotOnTheRetryPass) {
   // One row, -2e-7 x - 3e-6 y + s = -1, s >= 0: its slack leaves, and x is the pivot the
   // ratio test picks. Unscaled so the tiny entries stay tiny.
@@ -745,14 +756,9 @@ TEST(DualSimplex, SmallPivotOnTheRetryPass) {
     out->model = load(e.env, d);
     captureLogOf(out->env());
     VRXsetintparam(out->env(), "ScaleFlag", 0);
-    double work = 0;
-    EXPECT_EQ(0, VRXlpSetup(out->model, 1, &work));
-    VRXlp* lp = out->lp();
-    EXPECT_EQ(0, VRXdualPrepare(lp, 0, &work));
     vrx::Clock clock = vrx::clockStart();
-    EXPECT_EQ(0, vrx::dual::dualRefactor<double>(lp, clock));
-    EXPECT_EQ(0, vrx::dual::VRXdualCompute<double>(lp, clock));
-    lp->actionCode = 0;
+    readyForIteration(*out, clock);
+    VRXlp* lp = out->lp();
     vrx::dual::VRXdualPrice<double>(lp);
     EXPECT_EQ(0, lp->leaveRow);
     // The pass after every row was turned away for a small pivot.
@@ -972,6 +978,229 @@ TEST(DualSimplex, StalledDualBoundPerturbsAndTheScaleComesOff) {
   EXPECT_EQ(1.0, lp->extraScale);
   EXPECT_EQ(objScale, lp->objScale);
   EXPECT_EQ(cost, std::vector<double>(lp->cost, lp->cost + lp->n + lp->m));
+}
+
+TEST(DualSimplex, RowOfTinyPivotsFlipsOrGivesUp) {
+  // min x + y, -5e-8 x - 5e-8 y + s = -0.8, s >= 0, x, y in [0, 1e7]: the slack leaves and
+  // every pivot of its row is tiny. On the retry pass both columns flip to their upper
+  // bounds, which covers the row, and the solve goes on to the optimum x + y = 1.6e7.
+  {
+    Env e;
+    ModelDef d;
+    d.obj = {1, 1};
+    d.lb = {0, 0};
+    d.ub = {1e7, 1e7};
+    d.rhs = {-0.8};
+    d.sense = "<";
+    d.cols = {{{0, -5e-8}}, {{0, -5e-8}}};
+    Model mm(load(e.env, d));
+    VRXsetintparam(mm.env(), "ScaleFlag", 0);
+    vrx::Clock clock = vrx::clockStart();
+    readyForIteration(mm, clock);
+    VRXlp* lp = mm.lp();
+    lp->endFactor = 1;
+    vrx::dual::VRXdualPrice<double>(lp);
+    ASSERT_EQ(0, lp->leaveRow);
+    lp->pricing->acceptSmall = 1;
+    EXPECT_EQ(3, vrx::dual::VRXdualRatio<double>(lp, clock));
+    EXPECT_EQ(1, lp->status);
+    EXPECT_EQ(5, lp->actionCode);
+    EXPECT_EQ(VRX_VS_UPPER, lp->varStat[0]);
+    EXPECT_EQ(VRX_VS_UPPER, lp->varStat[1]);
+    EXPECT_EQ(1, lp->pricing->infeasFlips);
+    // The flipped columns were shifted so that the next compute keeps them where they are.
+    EXPECT_NE(0.0, lp->pricing->costShift[0]);
+    lp->pricing->acceptSmall = 0;
+    ASSERT_EQ(0, runLoop(lp, clock));
+    EXPECT_EQ(2, lp->status);
+    EXPECT_NEAR(1.6e7, objectiveOf(lp), 1e-3);
+  }
+  // The branches on a record whose candidate arrays are filled by hand: column 0 cannot be
+  // passed, columns 1 and 2 have finite gains.
+  Env e;
+  ModelDef d;
+  d.obj = {1, 1, 1};
+  d.lb = {0, 0, 0};
+  d.ub = {1e100, 1, 1};
+  d.rhs = {-1};
+  d.sense = "<";
+  d.cols = {{{0, -1}}, {{0, -1}}, {{0, -1}}};
+  Model mm(load(e.env, d));
+  vrx::Clock clock = vrx::clockStart();
+  readyForIteration(mm, clock);
+  VRXlp* lp = mm.lp();
+  VRXdualprice* pr = lp->pricing;
+  const int order[3] = {0, 1, 2};
+  auto arm = [&](double inf, double g1, double g2) {
+    for (int j = 0; j < 3; j++) {
+      lp->varStat[j] = VRX_VS_LOWER;
+      pr->cand[j] = j;
+      pr->candSeg[j] = -1;
+      pr->candC[j] = 0.25;
+      pr->costShift[j] = 0.0;
+    }
+    pr->candGain[0] = 1e300;
+    pr->candGain[1] = g1;
+    pr->candGain[2] = g2;
+    pr->leaveInfeas = inf;
+    lp->status = 1;
+    lp->actionCode = 0;
+    lp->markowitzTol = 0.01;
+  };
+  const double ft = lp->feasTol;
+  // Covered: both finite columns flip and carry a shift of their reduced cost.
+  arm(0.6, 0.3, 0.4);
+  lp->endFactor = 0;
+  EXPECT_EQ(3, vrx::dual::dualInfeasibleLookingRow(lp, order, 3, 50.0 * ft));
+  EXPECT_EQ(5, lp->actionCode);
+  EXPECT_EQ(VRX_VS_LOWER, lp->varStat[0]);
+  EXPECT_EQ(VRX_VS_UPPER, lp->varStat[1]);
+  EXPECT_EQ(VRX_VS_UPPER, lp->varStat[2]);
+  EXPECT_EQ(-0.25, pr->costShift[1]);
+  EXPECT_EQ(0.0, pr->costShift[0]);
+  // The first finite flip alone covers a smaller infeasibility.
+  arm(0.3, 0.3, 0.4);
+  EXPECT_EQ(3, vrx::dual::dualInfeasibleLookingRow(lp, order, 3, 50.0 * ft));
+  EXPECT_EQ(VRX_VS_UPPER, lp->varStat[1]);
+  EXPECT_EQ(VRX_VS_LOWER, lp->varStat[2]);
+  // Without endFactor and with much of the row left, no flip is tried: infeasible.
+  arm(0.6, 0.3, 0.4);
+  EXPECT_EQ(3, vrx::dual::dualInfeasibleLookingRow(lp, order, 3, 1000.0 * ft));
+  EXPECT_EQ(3, lp->status);
+  EXPECT_EQ(VRX_VS_LOWER, lp->varStat[1]);
+  // Flips that do not cover a large infeasibility: infeasible.
+  arm(0.8, 0.3, 0.4);
+  lp->endFactor = 1;
+  EXPECT_EQ(3, vrx::dual::dualInfeasibleLookingRow(lp, order, 3, 1000.0 * ft));
+  EXPECT_EQ(3, lp->status);
+  EXPECT_EQ(VRX_VS_LOWER, lp->varStat[1]);
+  // A tiny one asks for a stricter factor once; at that tolerance the row is infeasible.
+  arm(5.0 * ft, 1e-2 * ft, 1e-2 * ft);
+  EXPECT_EQ(3, vrx::dual::dualInfeasibleLookingRow(lp, order, 3, 0.0));
+  EXPECT_EQ(1, lp->status);
+  EXPECT_EQ(5, lp->actionCode);
+  EXPECT_EQ(0.5, lp->markowitzTol);
+  lp->actionCode = 0;
+  EXPECT_EQ(3, vrx::dual::dualInfeasibleLookingRow(lp, order, 3, 0.0));
+  EXPECT_EQ(3, lp->status);
+  // Ten such flips in a run are the limit.
+  arm(0.6, 0.3, 0.4);
+  pr->infeasFlips = 9;
+  EXPECT_EQ(3, vrx::dual::dualInfeasibleLookingRow(lp, order, 3, 0.0));
+  EXPECT_EQ(1, lp->status);
+  EXPECT_EQ(10, pr->infeasFlips);
+  arm(0.6, 0.3, 0.4);
+  EXPECT_EQ(3, vrx::dual::dualInfeasibleLookingRow(lp, order, 3, 0.0));
+  EXPECT_EQ(3, lp->status);
+  EXPECT_EQ(VRX_VS_LOWER, lp->varStat[1]);
+}
+
+// B^-1 of the current basis by Gauss-Jordan on the record's own (unscaled) matrix.
+std::vector<std::vector<double>> basisInverse(const VRXlp* lp) {
+  const int m = lp->m, n = lp->n;
+  std::vector<std::vector<double>> a(m, std::vector<double>(2 * m, 0.0));
+  for (int p = 0; p < m; p++) {
+    const int j = lp->factor->basisHead[p];
+    if (j >= n) {
+      a[j - n][p] = 1.0;
+    } else {
+      for (int64_t k = lp->colBeg[j]; k < lp->colBeg[j] + lp->colLen[j]; k++) a[lp->rowInd[k]][p] = lp->val[k];
+    }
+    a[p][m + p] = 1.0;
+  }
+  for (int c = 0; c < m; c++) {
+    int piv = c;
+    for (int i = c + 1; i < m; i++)
+      if (std::fabs(a[i][c]) > std::fabs(a[piv][c])) piv = i;
+    std::swap(a[c], a[piv]);
+    const double d = a[c][c];
+    for (double& x : a[c]) x /= d;
+    for (int i = 0; i < m; i++) {
+      if (i == c || a[i][c] == 0.0) continue;
+      const double f = a[i][c];
+      for (int k = 0; k < 2 * m; k++) a[i][k] -= f * a[c][k];
+    }
+  }
+  std::vector<std::vector<double>> inv(m, std::vector<double>(m));
+  for (int i = 0; i < m; i++)
+    for (int k = 0; k < m; k++) inv[i][k] = a[i][m + k];
+  return inv;
+}
+
+TEST(DualSimplex, DevexWeightsFollowTheirUpdateRule) {
+  // Three covering rows; every pivot's weights are checked against the rule computed from
+  // B^-1: q = tau / alpha_r^2 with tau over the rows whose slack is outside the reference
+  // framework, w_i = max(w_i, q a_i^2), w_r = q when alpha_r^2 < tau.
+  Env e;
+  ModelDef d;
+  d.obj = {1, 2, 1.5, 1};
+  d.lb = {0, 0, 0, 0};
+  d.ub = {1e100, 1e100, 1e100, 1e100};
+  d.rhs = {4, 6, 1};
+  d.sense = ">>>";
+  d.cols = {{{0, 2}, {1, 1}}, {{0, 1}, {1, 3}, {2, 1}}, {{1, 1}, {2, 0.5}}, {{0, 0.5}, {2, 4}}};
+  Model mm(load(e.env, d));
+  VRXsetintparam(mm.env(), "ScaleFlag", 0);
+  VRXsetintparam(mm.env(), "SimplexPricing", 2);
+  vrx::Clock clock = vrx::clockStart();
+  readyForIteration(mm, clock);
+  VRXlp* lp = mm.lp();
+  ASSERT_EQ(2, lp->priceMode);
+  VRXdualprice* pr = lp->pricing;
+  const int m = lp->m, n = lp->n;
+  int pivots = 0;
+  for (int it = 0; it < 20 && lp->status == 1; it++) {
+    if (lp->actionCode != 0) {
+      ASSERT_EQ(0, vrx::dual::dualRefactor<double>(lp, clock));
+      ASSERT_EQ(0, vrx::dual::VRXdualCompute<double>(lp, clock));
+      lp->actionCode = 0;
+    }
+    vrx::dual::VRXdualPrice<double>(lp);
+    if (lp->leaveRow < 0) break;
+    ASSERT_EQ(0, vrx::dual::VRXdualRatio<double>(lp, clock));
+    if (lp->enterVar < 0) continue;
+    const int r = lp->leaveRow, q = lp->enterVar;
+    const auto inv = basisInverse(lp);
+    std::vector<double> col(m, 0.0);
+    for (int i = 0; i < m; i++) {
+      if (q >= n) {
+        col[i] = inv[i][q - n];
+      } else {
+        for (int64_t k = lp->colBeg[q]; k < lp->colBeg[q] + lp->colLen[q]; k++)
+          col[i] += inv[i][lp->rowInd[k]] * lp->val[k];
+      }
+    }
+    double tau = 0.0;
+    for (int i = 0; i < m; i++)
+      if (!lp->refFramework[n + i]) tau += inv[r][i] * inv[r][i];
+    const double qd = tau / (col[r] * col[r]);
+    std::vector<double> want(pr->dualNorm, pr->dualNorm + m);
+    for (int i = 0; i < m; i++)
+      if (i != r && col[i] != 0.0) want[i] = std::max(want[i], qd * col[i] * col[i]);
+    if (col[r] * col[r] < tau) want[r] = qd;
+    ASSERT_EQ(0, vrx::dual::VRXdualPivot<double>(lp, clock));
+    pivots++;
+    for (int i = 0; i < m; i++) EXPECT_NEAR(want[i], pr->dualNorm[i], 1e-12 * want[i]) << "pivot " << pivots << " row " << i;
+  }
+  EXPECT_GE(pivots, 2);
+  ASSERT_EQ(0, runLoop(lp, clock));
+  ASSERT_EQ(2, lp->status);
+  // Past 30m of work the next pivot resets the weights and the framework.
+  Model again(load(e.env, d));
+  VRXsetintparam(again.env(), "ScaleFlag", 0);
+  VRXsetintparam(again.env(), "SimplexPricing", 2);
+  readyForIteration(again, clock);
+  lp = again.lp();
+  pr = lp->pricing;
+  vrx::dual::VRXdualPrice<double>(lp);
+  ASSERT_EQ(0, vrx::dual::VRXdualRatio<double>(lp, clock));
+  ASSERT_GE(lp->enterVar, 0);
+  lp->devexWork = 30.0 * m + 1.0;
+  for (int i = 0; i < m; i++) pr->dualNorm[i] = 5.0;
+  ASSERT_EQ(0, vrx::dual::VRXdualPivot<double>(lp, clock));
+  EXPECT_EQ(0.0, lp->devexWork);
+  for (int i = 0; i < m; i++) EXPECT_EQ(1.0, pr->dualNorm[i]);
+  for (int j = 0; j < n + m; j++) EXPECT_EQ(lp->varStat[j] < 0 ? 1 : 0, lp->refFramework[j]) << j;
 }
 
 }  // namespace
