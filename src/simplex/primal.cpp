@@ -328,7 +328,7 @@ int phaseOneCosts(Ctx<T>& c, int leaveVar, char oldLeaveClass) {
     return computeDual(c);
   }
   int rc = applyCostDelta(c);
-  if (rc == 0 && cnt > 0 && leaveVar >= 0) c.touch(leaveVar);
+  if (rc == 0 && cnt > 0 && leaveVar >= 0 && lp->priceMode != 0) c.touch(leaveVar);
   return rc;
 }
 
