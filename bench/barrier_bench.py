@@ -10,7 +10,7 @@ crossover (Crossover=0) and clp with its own defaults (barrier, then crossover);
 
   bench/barrier_bench.py [--dir DIR] [--timelimit S] [--presolve 0|1|-1]
                          [--crossover] [--vornix-args "..."] [--clp-args "..."]
-                         [--out PREFIX] [--filter REGEX]
+                         [--out PREFIX] [--filter REGEX] [--no-clp]
 """
 import argparse
 import csv
@@ -49,12 +49,13 @@ def main():
     add_common_args(ap, "barrier_bench")
     ap.add_argument("--presolve", default="-1")
     ap.add_argument("--crossover", action="store_true")
+    ap.add_argument("--no-clp", action="store_true", help="vornix only, e.g. to compare two builds")
     args = ap.parse_args()
 
     ref = load_reference(args.reference)
     if args.presolve == "0" and "-presolve" not in args.clp_args:
         args.clp_args += " -presolve off"
-    clp = shutil.which("clp")
+    clp = None if args.no_clp else shutil.which("clp")
     files = model_files(args)
     rows = []
     print(f"{'model':<12} {'vornix s':>9} {'iters':>6} {'status':>12}   {'clp s':>9} {'status':>12}   ratio")

@@ -170,6 +170,8 @@ int VRXbarOrder(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, VRXb
   f->invPerm = envAllocArray<int>(env, static_cast<size_t>(m) + 1);
   if (!f->perm || !f->invPerm) return VRX_ERROR_OUT_OF_MEMORY;
   double nz = 0, ops = 0;
+  // Work of the minimum degree passes and of the predictions, in work units.
+  double amdWork = 0;
   for (int round = 0; round < 2; ++round) {
     int64_t* xadj = nullptr;
     int* adj = nullptr;
@@ -179,9 +181,10 @@ int VRXbarOrder(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, VRXb
       // Nothing off the diagonal: the natural order is as good as any.
       for (int j = 0; j < m; ++j) f->perm[j] = j;
     } else {
-      rc = VRXbarAMD(env, m, xadj, adj, f->perm);
+      rc = VRXbarAMD(env, m, xadj, adj, f->perm, &amdWork);
     }
     if (!rc) rc = predictFactor(env, m, xadj, adj, f->perm, &nz, &ops);
+    amdWork += predictWork(m, xadj);
     envFree(env, xadj);
     envFree(env, adj);
     if (rc) return rc;
@@ -192,8 +195,9 @@ int VRXbarOrder(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, VRXb
     rc = productPattern(env, A, nullptr, &xadj, &adj, nullptr);
     if (rc) return rc;
     double nzFull = 0, opsFull = 0;
-    rc = VRXbarAMD(env, m, xadj, adj, full.a);
+    rc = VRXbarAMD(env, m, xadj, adj, full.a, &amdWork);
     if (!rc) rc = predictFactor(env, m, xadj, adj, full.a, &nzFull, &opsFull);
+    amdWork += predictWork(m, xadj);
     envFree(env, xadj);
     envFree(env, adj);
     if (rc) return rc;
@@ -213,7 +217,10 @@ int VRXbarOrder(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, VRXb
   }
   // In exact arithmetic the iteration ends after one step per dense column and one more.
   f->solveIterLimit = 2 * f->denseCols + 10;
-  rc = ndStage(env, A, opts, f->denseCols ? f->isDense : nullptr, wallClock() - t0, f->perm, &nz, &ops);
+  f->amdWork = amdWork;
+  f->orderWork = amdWork;
+  rc = ndStage(env, A, opts, f->denseCols ? f->isDense : nullptr, amdWork, f->perm, &nz, &ops, &f->ndCopies,
+               &f->orderWork);
   if (rc) return rc;
   for (int j = 0; j < m; ++j) f->invPerm[f->perm[j]] = j;
   f->orderTime = wallClock() - t0;
@@ -281,7 +288,7 @@ int VRXbarSymbolic(VRXenv* env, const BarMatrix& A, VRXbarfactor* f) {
   if (!sfirst.a || !scount.a) return VRX_ERROR_OUT_OF_MEMORY;
   int ns = 0;
   for (int j = 0; j < n; ++j) {
-    if (j > 0 && parent.a[j - 1] == j && cnt.a[j - 1] == cnt.a[j] + 1 && j - sfirst.a[ns - 1] < 192) continue;
+    if (j > 0 && parent.a[j - 1] == j && cnt.a[j - 1] == cnt.a[j] + 1) continue;
     sfirst.a[ns++] = j;
   }
   sfirst.a[ns] = n;
@@ -318,7 +325,30 @@ int VRXbarSymbolic(VRXenv* env, const BarMatrix& A, VRXbarfactor* f) {
     scount.a[groups] = cnt.a[f0];
     ++groups;
   }
-  ns = groups;
+  gfirst.a[groups] = n;
+  // Wide supernodes go into panels, narrower where one holds more than its
+  // threads' share of the flops; the panels become supernodes of their own.
+  double totalOps = 0;
+  for (int g = 0; g < groups; ++g) totalOps += supernodeOps(gfirst.a[g + 1] - gfirst.a[g], scount.a[g]);
+  const double threads = std::max(1, f->threads);
+  Scratch<int> pcount(env, sn);
+  if (!pcount.a) return VRX_ERROR_OUT_OF_MEMORY;
+  ns = 0;
+  for (int g = 0; g < groups; ++g) {
+    const int g0 = gfirst.a[g], width = gfirst.a[g + 1] - g0, count = scount.a[g];
+    const double share = totalOps / threads / std::max(supernodeOps(width, count), 1.0) / 2;
+    const int pw = static_cast<int>(std::min(192.0, std::max(48.0, share)));
+    for (int c = 0; c < width;) {
+      int w = std::min(pw, width - c);
+      if (width - c - w < 24) w = width - c;  // a short remainder joins this panel
+      sfirst.a[ns] = g0 + c;
+      pcount.a[ns] = count - c;
+      ++ns;
+      c += w;
+    }
+  }
+  std::memcpy(gfirst.a, sfirst.a, sizeof(int) * static_cast<size_t>(ns));
+  std::memcpy(scount.a, pcount.a, sizeof(int) * static_cast<size_t>(ns));
   gfirst.a[ns] = n;
 
   f->superCount = ns;

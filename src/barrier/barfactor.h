@@ -60,6 +60,9 @@ struct VRXbarfactor {
   int regularised;     // pivots raised to the regularisation value
 
   // Working parts.
+  double orderWork;     // work units of the ordering, minimum degree and dissection
+  double amdWork;       // of which the minimum degree passes
+  int ndCopies;         // dissection copies run, 0 when minimum degree stood alone
   char* isDense;        // n columns of A: 1 for a dense column
   int* colSuper;        // column -> supernode
   int64_t updateSize;   // largest update block
@@ -130,11 +133,12 @@ void barFactorFree(VRXenv* env, VRXbarfactor* f);
 // Marks the dense columns of A in f->isDense / f->denseColList. 0 or 10001.
 int VRXbarDenseCols(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, VRXbarfactor* f);
 // Approximate minimum degree on a symmetric pattern given by both triangles
-// without the diagonal; writes order (new -> old). 0 or 10001.
-int VRXbarAMD(VRXenv* env, int n, const int64_t* xadj, const int* adj, int* order);
-// Nested dissection on the same kind of pattern, seeded; progress may be null.
+// without the diagonal; writes order (new -> old). Adds its cost in work units
+// to *work when given. 0 or 10001.
+int VRXbarAMD(VRXenv* env, int n, const int64_t* xadj, const int* adj, int* order, double* work = nullptr);
+// Nested dissection on the same kind of pattern, seeded; progress and work may be null.
 int VRXbarND(VRXenv* env, int n, const int64_t* xadj, const int* adj, uint64_t seed, int* order,
-             NdProgress* progress);
+             NdProgress* progress, double* work = nullptr);
 // Dense columns, ordering and symbolic factor, with the retry without dense
 // columns when they made the ordering worse. 0 or 10001.
 int VRXbarOrder(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, VRXbarfactor* f,

@@ -427,6 +427,19 @@ int VRXbarStart(VRXbar* bar, double shiftScale) {
   return 0;
 }
 
+namespace {
+
+bool finiteStep(const VRXbar* bar, double ap, double ad) {
+  if (!std::isfinite(ap) || !std::isfinite(ad)) return false;
+  double s = 0;
+  for (int j = 0; j < bar->cols; ++j) s += std::fabs(bar->dx[j]) + std::fabs(bar->dz[j]) + std::fabs(bar->dt[j]) + std::fabs(bar->dw[j]);
+  for (int i = 0; i < bar->rows; ++i) s += std::fabs(bar->dy[i]);
+  if (bar->homogeneous) s += std::fabs(bar->dtau) + std::fabs(bar->dkappa);
+  return std::isfinite(s);
+}
+
+}  // namespace
+
 int VRXbarTest(VRXmodel* model, VRXbar* bar, Clock& clock) {
   VRXenv* env = model->env;
   const ParamStore& par = env->par;
@@ -792,6 +805,20 @@ int iterate(VRXmodel* model, VRXbar* bar, Clock& clock, int* statusOut) {
         continue;
       }
     }
+    // A solve that overflowed (a factor near breakdown) gives no step: the point stays, and
+    // the run goes on as for a diverging one.
+    if (!finiteStep(bar, ap, ad)) {
+      if (par.BarHomogeneous == -1 && !bar->homogeneous) {
+        bar->homogeneous = 1;
+        rc = VRXbarStart(bar, 1.0);
+        if (rc) return rc;
+        bar->safeIter = k + 1;
+        bar->goodIter = k + 1;
+        continue;
+      }
+      status = VRX_SUBOPTIMAL;
+      break;
+    }
     for (int j = 0; j < N; ++j) {
       bar->x[j] += ap * bar->dx[j];
       bar->z[j] += ad * bar->dz[j];
@@ -840,6 +867,7 @@ int VRXbarrier(VRXmodel* model, Clock& clock, const BarRunOpts& opts, VRXbarsol*
   rc = VRXbarOrder(env, A, fo, &bar.factor, &nz, &ops);
   if (!rc) rc = VRXbarSymbolic(env, A, &bar.factor);
   if (rc) return rc;
+  clockCharge(clock, bar.factor.orderWork);
   if (bar.factor.orderTime > 0.005) log(env, "Ordering time: %.2fs\n", bar.factor.orderTime);
   {
     int64_t* xadj = nullptr;

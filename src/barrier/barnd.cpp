@@ -37,6 +37,7 @@ struct NdWork {
   int* la;
   int* lorder;
   int* tmp;
+  double work;  // adjacency entries walked, in work units
 };
 
 // BFS from r over the part; returns the number reached and the last level.
@@ -48,6 +49,7 @@ int bfs(NdWork& w, int pid, int r, int* lastLevel) {
   while (head < tail) {
     const int v = w.queue[head++];
     last = w.level[v];
+    w.work += static_cast<double>(w.xadj[v + 1] - w.xadj[v]) + 2;
     for (int64_t p = w.xadj[v]; p < w.xadj[v + 1]; ++p) {
       const int u = w.adj[p];
       if (w.part[u] != pid || w.level[u] >= 0) continue;
@@ -74,8 +76,9 @@ int orderSmall(VRXenv* env, NdWork& w, int pid, int* verts, int k) {
       if (w.part[w.adj[p]] == pid) w.la[e++] = w.local[w.adj[p]];
   }
   w.lx[k] = e;
+  w.work += 2.0 * k + static_cast<double>(e);
   if (e == 0) return 0;
-  const int rc = VRXbarAMD(env, k, w.lx, w.la, w.lorder);
+  const int rc = VRXbarAMD(env, k, w.lx, w.la, w.lorder, &w.work);
   if (rc) return rc;
   for (int i = 0; i < k; ++i) w.tmp[i] = verts[w.lorder[i]];
   std::memcpy(verts, w.tmp, sizeof(int) * static_cast<size_t>(k));
@@ -85,7 +88,7 @@ int orderSmall(VRXenv* env, NdWork& w, int pid, int* verts, int k) {
 }  // namespace
 
 int VRXbarND(VRXenv* env, int n, const int64_t* xadj, const int* adj, uint64_t seed, int* order,
-             NdProgress* progress) {
+             NdProgress* progress, double* work) {
   if (n <= 0) return 0;
   const size_t sn = static_cast<size_t>(n) + 1;
   const int64_t nz = xadj[n];
@@ -96,7 +99,15 @@ int VRXbarND(VRXenv* env, int n, const int64_t* xadj, const int* adj, uint64_t s
   Scratch<int> stack(env, 3 * sn);
   if (!part.a || !level.a || !queue.a || !local.a || !lorder.a || !tmp.a || !lx.a || !la.a || !stack.a)
     return VRX_ERROR_OUT_OF_MEMORY;
-  NdWork w{n, xadj, adj, part.a, level.a, queue.a, local.a, lx.a, la.a, lorder.a, tmp.a};
+  NdWork w{n, xadj, adj, part.a, level.a, queue.a, local.a, lx.a, la.a, lorder.a, tmp.a, 0.0};
+  // The work counts on every return, including a failed one.
+  struct Charge {
+    NdWork& w;
+    double* out;
+    ~Charge() {
+      if (out) *out += w.work;
+    }
+  } charge{w, work};
   const double limit =
       std::max(100.0, std::min(10.0 * std::sqrt(static_cast<double>(n)), 50.0 * static_cast<double>(nz) / n));
   Rng rng(seed);
@@ -144,6 +155,7 @@ int VRXbarND(VRXenv* env, int n, const int64_t* xadj, const int* adj, uint64_t s
       for (int i = 0; i < k; ++i) side[verts[i]] = 2;
       for (int i = 0; i < reached; ++i) side[queue.a[i]] = 1;
     } else {
+      w.work += 2.0 * k;
       // The level near the middle with the fewest vertices: its vertices that
       // touch the next level separate the levels before from those after.
       Scratch<int> count(env, static_cast<size_t>(lastLevel) + 2);
@@ -202,6 +214,7 @@ int VRXbarND(VRXenv* env, int n, const int64_t* xadj, const int* adj, uint64_t s
       queue.a[s == 1 ? pa++ : s == 2 ? pb++ : ps++] = v;
     }
     std::memcpy(verts, queue.a, sizeof(int) * static_cast<size_t>(k));
+    w.work += 4.0 * k;
     const int ida = nextId++, idb = nextId++, ids = nextId++;
     for (int i = 0; i < na; ++i) part.a[verts[i]] = ida;
     for (int i = na; i < na + nb; ++i) part.a[verts[i]] = idb;
@@ -231,12 +244,14 @@ struct NdCopy {
   int* perm;
   NdProgress* progress;
   double nz, ops;
+  double work;
   int rc;
 };
 
 void runCopy(NdCopy* c) {
-  c->rc = VRXbarND(c->env, c->n, c->xadj, c->adj, c->seed, c->perm, c->progress);
+  c->rc = VRXbarND(c->env, c->n, c->xadj, c->adj, c->seed, c->perm, c->progress, &c->work);
   if (!c->rc) c->rc = predictFactor(c->env, c->n, c->xadj, c->adj, c->perm, &c->nz, &c->ops);
+  c->work += predictWork(c->n, c->xadj);
 }
 
 struct NdRun {
@@ -253,9 +268,10 @@ void runCopies(void* arg, int w) {
 
 }  // namespace
 
-int ndStage(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, const char* isDense, double amdSeconds,
-            int* perm, double* nz, double* ops) {
+int ndStage(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, const char* isDense, double amdWork,
+            int* perm, double* nz, double* ops, int* copiesRun, double* work) {
   const int m = A.m;
+  *copiesRun = 0;
   if (opts.order == 0 || m == 0) return 0;
   const double nnzA = static_cast<double>(A.colBeg[A.n]);
   // The number of copies follows the machine and not Threads, which only
@@ -265,7 +281,9 @@ int ndStage(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, const ch
     const double want = std::min(2 * *nz / std::max(nnzA, 1.0), static_cast<double>(std::max(opts.cores, 1)));
     k = std::max(1, static_cast<int>(want));
   }
-  const double u = k * amdSeconds / std::max(*ops, 1.0);
+  // The cost of k copies against the factor's flops, both in work units, so
+  // that the choice repeats on any machine and load.
+  const double u = k * amdWork / std::max(*ops, 1.0);
   if (opts.order == -1 && u >= 0.1 && (m <= 1000 || *ops < 500 * nnzA || *nz < nnzA || u > 2)) return 0;
   int64_t* xadj = nullptr;
   int* adj = nullptr;
@@ -286,13 +304,15 @@ int ndStage(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, const ch
   for (int t = 0; t < k; ++t) {
     copies.a[t] = NdCopy{env, m, xadj, adj, static_cast<uint64_t>(opts.seed) + t + 11,
                          perms.a + static_cast<size_t>(t) * (static_cast<size_t>(m) + 1),
-                         t == 0 && opts.log ? &progress : nullptr, 0, 0, 0};
+                         t == 0 && opts.log ? &progress : nullptr, 0, 0, 0, 0};
   }
   // Each copy writes its own slot only.
   NdRun run{copies.a, k, std::min(k, std::max(1, opts.threads))};
   rc = barRunWorkers(env, run.workers, runCopies, &run);
   if (rc) return rc;
   int best = -1;
+  *copiesRun = k;
+  for (int t = 0; t < k; ++t) *work += copies.a[t].work;
   for (int t = 0; t < k; ++t) {
     if (copies.a[t].rc) return copies.a[t].rc;
     if (best < 0 || copies.a[t].ops < copies.a[best].ops) best = t;

@@ -206,6 +206,7 @@ struct Amd {
   int* leader;  // the node a merged or mass-eliminated node follows
   int64_t wflg;
   int mindeg;
+  double work;  // list entries touched, the deterministic cost of the run
 
   void bucketRemove(int i) {
     if (last[i] >= 0)
@@ -232,6 +233,7 @@ struct Amd {
     int64_t used = 0;
     for (int i = 0; i < n; ++i)
       if (liveList(i)) used += len[i];
+    work += static_cast<double>(n) + 2.0 * static_cast<double>(used);
     int64_t cap = iwlen;
     if (used + need > cap) cap = (used + need) * 3 / 2 + n;
     if (cap != iwlen) {
@@ -260,12 +262,13 @@ struct Amd {
 
 }  // namespace
 
-int VRXbarAMD(VRXenv* env, int n, const int64_t* xadj, const int* adj, int* order) {
+int VRXbarAMD(VRXenv* env, int n, const int64_t* xadj, const int* adj, int* order, double* work) {
   if (n == 0) return 0;
   const int64_t nnz = xadj[n];
   Amd g{};
   g.env = env;
   g.n = n;
+  g.work = 2.0 * static_cast<double>(nnz) + 20.0 * n;
   g.iwlen = nnz + nnz / 2 + 4 * static_cast<int64_t>(n) + 16;
   g.iw = envAllocArray<int>(env, static_cast<size_t>(g.iwlen));
   g.iw2 = envAllocArray<int>(env, static_cast<size_t>(g.iwlen));
@@ -375,6 +378,7 @@ int VRXbarAMD(VRXenv* env, int n, const int64_t* xadj, const int* adj, int* orde
       }
     }
     g.pfree = pme2;
+    g.work += static_cast<double>(need) + g.elen[p] + static_cast<double>(pme2 - pme1);
     g.kind[p] = 1;
     g.pe[p] = pme1;
     g.len[p] = static_cast<int>(pme2 - pme1);
@@ -385,6 +389,7 @@ int VRXbarAMD(VRXenv* env, int n, const int64_t* xadj, const int* adj, int* orde
     for (int64_t q = pme1; q < pme2; ++q) {
       const int i = g.iw[q];
       const int nvi = -g.nv[i];
+      g.work += 2.0 * g.len[i] + g.elen[i] + 4;
       for (int t = 0; t < g.elen[i]; ++t) {
         const int e = g.iw[g.pe[i] + t];
         if (g.kind[e] != 1) continue;
@@ -463,10 +468,12 @@ int VRXbarAMD(VRXenv* env, int n, const int64_t* xadj, const int* adj, int* orde
         if (g.kind[j] != 0 || g.nv[j] >= 0 || hashv.a[j] != h) continue;
         if (g.len[j] != g.len[i] || g.elen[j] != g.elen[i]) continue;
         if (!marked) {
+          g.work += 2.0 * g.len[i];
           for (int t = 0; t < g.len[i]; ++t) stamp.a[g.iw[g.pe[i] + t]] = i;
           marked = true;
         }
         bool same = true;
+        g.work += g.len[j];
         for (int t = 0; t < g.len[j] && same; ++t) same = stamp.a[g.iw[g.pe[j] + t]] == i;
         if (!same) continue;
         // j joins i.
@@ -543,6 +550,7 @@ int VRXbarAMD(VRXenv* env, int n, const int64_t* xadj, const int* adj, int* orde
   for (int i = 0; i < n; ++i)
     if (!seen.a[i]) order[outCount++] = i;
   freeLists();
+  if (work) *work += g.work;
   return 0;
 }
 

@@ -21,14 +21,17 @@ int columnCounts(VRXenv* env, int n, const int64_t* xadj, const int* adj, const 
 // Predicted factor entries and flops of an ordering.
 int predictFactor(VRXenv* env, int n, const int64_t* xadj, const int* adj, const int* perm, double* nz,
                   double* ops);
+// Its cost in work units: two walks of the pattern, the tree climbs included.
+inline double predictWork(int n, const int64_t* xadj) { return 4.0 * static_cast<double>(xadj[n]) + 6.0 * n; }
 
 // Runs fn(arg, w) for w = 0..workers-1, worker 0 on the caller's thread, and
 // waits for all. Workers must share out their work through arg. 0 or 10001.
 int barRunWorkers(VRXenv* env, int workers, void (*fn)(void*, int), void* arg);
 
-// After minimum degree: nested dissection copies, run as the ordering rule
-// asks, replace perm (new -> old) when one predicts fewer flops.
-int ndStage(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, const char* isDense, double amdSeconds,
-            int* perm, double* nz, double* ops);
+// After minimum degree, whose run cost amdWork work units: nested dissection
+// copies, run as the ordering rule asks, replace perm (new -> old) when one
+// predicts fewer flops. *copies is the number run, *work gains their cost.
+int ndStage(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, const char* isDense, double amdWork,
+            int* perm, double* nz, double* ops, int* copies, double* work);
 
 }  // namespace vrx

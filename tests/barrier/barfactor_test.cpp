@@ -400,61 +400,98 @@ TEST(BarFactor, AssemblyMapMatchesRowByRow) {
 
 namespace {
 
-// The subtrees of the factor run as tasks on any number of threads with the
-// same result to the last bit, and the factor still solves.
-TEST(BarFactor, ThreadsGiveTheSameFactor) {
+// Largest |rhs - A diag(theta) A' x| relative to the largest |rhs|.
+double productResidual(const Sparse& s, const std::vector<double>& theta, const std::vector<double>& rhs,
+                       const std::vector<double>& x) {
+  std::vector<double> r(s.m, 0.0);
+  for (int j = 0; j < s.n; ++j) {
+    double ax = 0;
+    for (int64_t p = s.colBeg[j]; p < s.colBeg[j + 1]; ++p) ax += s.val[p] * x[s.rowInd[p]];
+    for (int64_t p = s.colBeg[j]; p < s.colBeg[j + 1]; ++p) r[s.rowInd[p]] += s.val[p] * theta[j] * ax;
+  }
+  double d = 0, top = 1e-300;
+  for (int i = 0; i < s.m; ++i) {
+    d = std::max(d, std::fabs(rhs[i] - r[i]));
+    top = std::max(top, std::fabs(rhs[i]));
+  }
+  return d / top;
+}
+
+// The panels of wide supernodes follow the thread count; for one count the
+// factor repeats to the last bit (subtree tasks included), for all it solves,
+// and splitting never changes the factor's size.
+TEST(BarFactor, PanelsRepeatForEachThreadCount) {
   Env e;
-  const int g = 110, m = g * g;
-  Sparse s;
-  s.m = m;
+  Sparse grid;
+  const int g = 110;
+  grid.m = g * g;
   for (int r = 0; r < g; ++r)
     for (int c = 0; c < g; ++c) {
       const int v = r * g + c;
-      s.cols.push_back({{v, 1.0}});
-      if (c + 1 < g) s.cols.push_back({{v, 1.0}, {v + 1, -1.0}});
-      if (r + 1 < g) s.cols.push_back({{v, 1.0}, {v + g, -1.0}});
+      grid.cols.push_back({{v, 1.0}});
+      if (c + 1 < g) grid.cols.push_back({{v, 1.0}, {v + 1, -1.0}});
+      if (r + 1 < g) grid.cols.push_back({{v, 1.0}, {v + g, -1.0}});
     }
-  s.finish();
-  std::vector<double> theta(s.n);
-  for (int j = 0; j < s.n; ++j) theta[j] = 0.5 + (j * 37 % 11);
-  std::vector<double> rhs(m), x1(m), x2(m);
-  for (int i = 0; i < m; ++i) rhs[i] = 1.0 + (i % 13);
-  std::vector<double> panels[2];
-  std::vector<double>* xs[2] = {&x1, &x2};
-  for (int threads : {1, 2}) {
-    Factor F(e.env);
-    vrx::BarFactorOpts opts;
-    opts.order = 0;
-    opts.threads = threads;
-    ASSERT_EQ(0, vrx::VRXbarOrder(e.env, s.view(), opts, &F.f, nullptr, nullptr));
-    ASSERT_EQ(0, vrx::VRXbarSymbolic(e.env, s.view(), &F.f));
-    ASSERT_GE(F.f.taskCount, 2);
-    EXPECT_EQ(threads, F.f.workers);
-    ASSERT_EQ(0, vrx::VRXbarFactorize(e.env, s.view(), theta.data(), 0.0, &F.f));
-    // Twice, so that the lists of the first run leave nothing behind.
-    ASSERT_EQ(0, vrx::VRXbarFactorize(e.env, s.view(), theta.data(), 0.0, &F.f));
-    const int64_t len = F.f.panelBeg[F.f.superCount];
-    panels[threads - 1].clear();
-    for (int t = 0; t < F.f.superCount; ++t) {
-      const int nc = F.f.superBeg[t + 1] - F.f.superBeg[t];
-      const int nr = static_cast<int>(F.f.superRows[t + 1] - F.f.superRows[t]);
-      for (int j = 0; j < nc; ++j)
-        for (int i = j; i < nr; ++i) panels[threads - 1].push_back(F.f.panelVal[F.f.panelBeg[t] + int64_t(j) * nr + i]);
+  grid.finish();
+  // Nearly dense product: one supernode of some 400 columns before the split.
+  const Sparse dense = randomMatrix(420, 300, 40, 9);
+  for (const Sparse* s : {static_cast<const Sparse*>(&grid), &dense}) {
+    std::vector<double> theta(s->n);
+    for (int j = 0; j < s->n; ++j) theta[j] = 0.5 + (j * 37 % 11);
+    std::vector<double> rhs(s->m);
+    for (int i = 0; i < s->m; ++i) rhs[i] = 1.0 + (i % 13);
+    double nz0 = -1, ops0 = -1;
+    std::vector<double> x1;
+    for (int threads : {1, 2, 4}) {
+      std::vector<double> panels[2], xs[2];
+      for (int run = 0; run < 2; ++run) {
+        Factor F(e.env);
+        vrx::BarFactorOpts opts;
+        opts.order = 0;
+        opts.threads = threads;
+        ASSERT_EQ(0, vrx::VRXbarOrder(e.env, s->view(), opts, &F.f, nullptr, nullptr));
+        ASSERT_EQ(0, vrx::VRXbarSymbolic(e.env, s->view(), &F.f));
+        if (s == &grid) {
+          ASSERT_GE(F.f.taskCount, 2);
+          EXPECT_EQ(threads, F.f.workers);
+        }
+        int widest = 0, wide = 0;
+        for (int t = 0; t < F.f.superCount; ++t) {
+          const int w = F.f.superBeg[t + 1] - F.f.superBeg[t];
+          widest = std::max(widest, w);
+          wide += w >= 24;
+        }
+        // A panel is at most 192 columns, or a little more with a short remainder.
+        EXPECT_LE(widest, 192 + 23) << threads;
+        if (s == &dense) {
+          EXPECT_GE(widest, 48) << threads;
+          EXPECT_GE(wide, 2) << threads;
+        }
+        if (nz0 < 0) {
+          nz0 = F.f.factorNz;
+          ops0 = F.f.factorOps;
+        }
+        EXPECT_EQ(nz0, F.f.factorNz) << threads;
+        EXPECT_EQ(ops0, F.f.factorOps) << threads;
+        ASSERT_EQ(0, vrx::VRXbarFactorize(e.env, s->view(), theta.data(), 0.0, &F.f));
+        // Twice, so that the lists of the first factor leave nothing behind.
+        ASSERT_EQ(0, vrx::VRXbarFactorize(e.env, s->view(), theta.data(), 0.0, &F.f));
+        for (int t = 0; t < F.f.superCount; ++t) {
+          const int nc = F.f.superBeg[t + 1] - F.f.superBeg[t];
+          const int nr = static_cast<int>(F.f.superRows[t + 1] - F.f.superRows[t]);
+          for (int j = 0; j < nc; ++j)
+            for (int i = j; i < nr; ++i) panels[run].push_back(F.f.panelVal[F.f.panelBeg[t] + int64_t(j) * nr + i]);
+        }
+        xs[run].assign(s->m, 0.0);
+        vrx::VRXbarSolve(&F.f, s->view(), theta.data(), rhs.data(), xs[run].data());
+      }
+      EXPECT_TRUE(panels[0] == panels[1]) << threads;
+      EXPECT_TRUE(xs[0] == xs[1]) << threads;
+      EXPECT_LT(productResidual(*s, theta, rhs, xs[0]), 1e-9) << threads;
+      if (x1.empty()) x1 = xs[0];
+      EXPECT_LT(maxRelDiff(xs[0], x1), 1e-9) << threads;
     }
-    EXPECT_GT(len, 0);
-    vrx::VRXbarSolve(&F.f, s.view(), theta.data(), rhs.data(), xs[threads - 1]->data());
   }
-  ASSERT_EQ(panels[0].size(), panels[1].size());
-  EXPECT_TRUE(panels[0] == panels[1]);
-  EXPECT_TRUE(x1 == x2);
-  // M x = rhs on the grid.
-  std::vector<double> r(m, 0.0);
-  for (int j = 0; j < s.n; ++j) {
-    double ax = 0;
-    for (int64_t p = s.colBeg[j]; p < s.colBeg[j + 1]; ++p) ax += s.val[p] * x1[s.rowInd[p]];
-    for (int64_t p = s.colBeg[j]; p < s.colBeg[j + 1]; ++p) r[s.rowInd[p]] += s.val[p] * theta[j] * ax;
-  }
-  for (int i = 0; i < m; ++i) ASSERT_NEAR(rhs[i], r[i], 1e-8 * rhs[i]) << i;
 }
 
 }  // namespace

@@ -17,17 +17,19 @@ struct Grid {
   std::vector<int64_t> colBeg, rowBeg;
   std::vector<int> rowInd, rowCol;
   std::vector<double> val, rowVal;
-  // Rows are the nodes of a g x h grid, columns its edges plus a unit column per node.
-  Grid(int g, int h) {
-    m = g * h;
+  // Rows are the nodes of a g x h (x d) grid, columns its edges plus a unit column per node.
+  Grid(int g, int h, int d = 1) {
+    m = g * h * d;
     std::vector<std::vector<std::pair<int, double>>> cols;
-    for (int r = 0; r < g; ++r)
-      for (int c = 0; c < h; ++c) {
-        const int v = r * h + c;
-        cols.push_back({{v, 1.0}});
-        if (c + 1 < h) cols.push_back({{v, 1.0}, {v + 1, -1.0}});
-        if (r + 1 < g) cols.push_back({{v, 1.0}, {v + h, -1.0}});
-      }
+    for (int l = 0; l < d; ++l)
+      for (int r = 0; r < g; ++r)
+        for (int c = 0; c < h; ++c) {
+          const int v = (l * g + r) * h + c;
+          cols.push_back({{v, 1.0}});
+          if (c + 1 < h) cols.push_back({{v, 1.0}, {v + 1, -1.0}});
+          if (r + 1 < g) cols.push_back({{v, 1.0}, {v + h, -1.0}});
+          if (l + 1 < d) cols.push_back({{v, 1.0}, {v + g * h, -1.0}});
+        }
     n = static_cast<int>(cols.size());
     colBeg.push_back(0);
     for (auto& col : cols) {
@@ -193,6 +195,59 @@ TEST(BarND, OrderRulesAndSmallCases) {
   EXPECT_LE(nzD, 3.0 * n);
   vrx::envFree(e.env, xadj);
   vrx::envFree(e.env, adj);
+}
+
+}  // namespace
+
+namespace {
+
+// The automatic choice weighs the minimum degree run against the factor's
+// flops in work units: a cheap factor stops with minimum degree, a heavy one
+// tries dissection, and the counts repeat on any thread count.
+TEST(BarND, ChoiceInWorkUnitsRepeats) {
+  Env e;
+  struct Case {
+    int g, h, d;
+    bool dissect;
+  };
+  for (const Case c : {Case{12, 12, 1, false}, Case{70, 70, 1, false}, Case{16, 16, 16, true}}) {
+    Grid G(c.g, c.h, c.d);
+    double work[2] = {0, 0}, amdWork[2] = {0, 0};
+    for (int threads : {1, 2}) {
+      vrx::BarFactorOpts opts;
+      opts.cores = 2;
+      opts.threads = threads;
+      Factor F(e.env);
+      double nz = 0, ops = 0;
+      ASSERT_EQ(0, vrx::VRXbarOrder(e.env, G.view(), opts, &F.f, &nz, &ops));
+      EXPECT_EQ(c.dissect, F.f.ndCopies > 0) << c.g << " threads " << threads << " amd work " << F.f.amdWork;
+      EXPECT_GT(F.f.amdWork, static_cast<double>(G.m));
+      // Dissection adds its own work; without it the ordering is minimum degree alone.
+      if (F.f.ndCopies > 0)
+        EXPECT_GT(F.f.orderWork, F.f.amdWork);
+      else
+        EXPECT_EQ(F.f.orderWork, F.f.amdWork);
+      work[threads - 1] = F.f.orderWork;
+      amdWork[threads - 1] = F.f.amdWork;
+    }
+    EXPECT_EQ(work[0], work[1]) << c.g;
+    EXPECT_EQ(amdWork[0], amdWork[1]) << c.g;
+  }
+  // Minimum degree only: no copy runs, however heavy the factor. Dissection
+  // asked for: one copy below 1000 rows, one per processor above.
+  struct Forced {
+    int g, h, d, order, copies;
+  };
+  for (const Forced c : {Forced{70, 70, 1, 0, 0}, Forced{27, 37, 1, 1, 1}, Forced{16, 16, 16, 1, 2}}) {
+    Grid G(c.g, c.h, c.d);
+    vrx::BarFactorOpts opts;
+    opts.order = c.order;
+    opts.cores = 2;
+    opts.threads = 2;
+    Factor F(e.env);
+    ASSERT_EQ(0, vrx::VRXbarOrder(e.env, G.view(), opts, &F.f, nullptr, nullptr));
+    EXPECT_EQ(c.copies, F.f.ndCopies) << G.m << " rows";
+  }
 }
 
 }  // namespace
