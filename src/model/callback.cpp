@@ -12,8 +12,6 @@ namespace vrx {
 
 namespace {
 
-bool blockValid(const VRXcbdata* cb) { return cb && cb->magic == kCbMagic && cb->model; }
-
 bool stopRequested(VRXenv* env) { return env->terminateFlagRef && *env->terminateFlagRef; }
 
 // Type (1 int, 2 double, 3 string) and size (0 scalar, 1 array of NumVars) of a 'what'.
@@ -114,7 +112,7 @@ int readWhat(const VRXcbdata* cb, int what, void* result) {
 int callbackMessage(VRXenv* env, const char* text) {
   VRXcbdata* cb = env->cbData;
   if (!env->cbFunc) return 0;
-  if (!blockValid(cb)) return env->cbFunc(nullptr, nullptr, VRX_CB_MESSAGE, env->cbUserData);
+  if (!callbackBlockValid(cb)) return env->cbFunc(nullptr, nullptr, VRX_CB_MESSAGE, env->cbUserData);
   std::snprintf(cb->message, sizeof cb->message, "%s", text);
   int savedWhere = cb->where;
   cb->where = VRX_CB_MESSAGE;
@@ -123,9 +121,21 @@ int callbackMessage(VRXenv* env, const char* text) {
   return rc;
 }
 
+void callbackBlockInit(VRXcbdata* b, VRXmodel* model) {
+  std::memset(b, 0, sizeof *b);
+  b->magic = kCbMagic;
+  b->model = model;
+  b->startTime = b->lastPoll = wallClock();
+  b->phase = 1;
+  b->lastObjective = -1e100;
+  b->lastBest = b->lastNode = -1;
+}
+
 int callbackFrame(VRXenv* env, int where, const VRXcbprogress* progress) {
   VRXcbdata* cb = env->cbData;
-  if (!env->cbFunc || !blockValid(cb)) return 0;
+  if (!env->cbFunc || !callbackBlockValid(cb)) return 0;
+  // Every poll, not only those the time rule lets through, so where it acts repeats.
+  if (cb->workPoll && cb->clock) cb->workPoll(cb->workCtx, cb->clock->work);
   bool stop = stopRequested(env);
   double now = wallClock();
   if (where == VRX_CB_POLLING && !stop && now - cb->lastPoll < 0.001) return 0;
@@ -150,7 +160,7 @@ namespace {
 // the solve into the cache.
 int asyncStep(VRXmodel* model, void* cbdata, int where, void* usrdata) {
   auto* cb = static_cast<VRXcbdata*>(cbdata);
-  if (!model || !blockValid(cb)) return 0;
+  if (!model || !callbackBlockValid(cb)) return 0;
   auto* cache = static_cast<VRXasyncCache*>(model->asyncCache);
   if (!cache) return 0;
   int rc = cache->userFunc ? cache->userFunc(model, cbdata, where, usrdata) : 0;
@@ -199,13 +209,7 @@ int asyncCacheStart(VRXmodel* model) {
       envFree(env, mem);
       return VRX_ERROR_OUT_OF_MEMORY;
     }
-    VRXcbdata* b = model->cbState;
-    b->magic = kCbMagic;
-    b->model = model;
-    b->startTime = b->lastPoll = wallClock();
-    b->phase = 1;
-    b->lastObjective = -1e100;
-    b->lastBest = b->lastNode = -1;
+    callbackBlockInit(model->cbState, model);
     cache->madeBlock = 1;
   }
   if (!env->cbData) env->cbData = model->cbState;
@@ -250,15 +254,9 @@ VRX_API int VRXsetcallbackfunc(VRXmodel* model, VRXcallback cb, void* usrdata) {
       }
     }
     VRXcbdata* b = model->cbState;
-    std::memset(b, 0, sizeof *b);
-    b->magic = kCbMagic;
-    b->model = model;
-    b->startTime = b->lastPoll = wallClock();
+    callbackBlockInit(b, model);
     b->usrData = usrdata;
     b->cbFunction = cb;
-    b->phase = 1;
-    b->lastObjective = -1e100;
-    b->lastBest = b->lastNode = -1;
     env->cbFunc = cb;
     env->cbData = b;
     env->cbUserData = usrdata;
@@ -296,7 +294,7 @@ VRX_API int VRXgetcbwhatinfo(int what, int* typeP, int* sizeP) {
 VRX_API int VRXcbget(void* cbdata, int where, int what, void* resultP) {
   (void)where;  // the block's own 'where' decides
   auto* cb = static_cast<VRXcbdata*>(cbdata);
-  if (!blockValid(cb)) return VRX_ERROR_CALLBACK;
+  if (!callbackBlockValid(cb)) return VRX_ERROR_CALLBACK;
   VRXenv* env = cb->model->env;
   env->errorCode = 0;
   if (env->errorText) env->errorText[0] = '\0';
@@ -309,7 +307,7 @@ VRX_API int VRXcbget(void* cbdata, int where, int what, void* resultP) {
 
 VRX_API int VRXcbsetparam(void* cbdata, const char* paramname, const char* newvalue) {
   auto* cb = static_cast<VRXcbdata*>(cbdata);
-  if (!blockValid(cb)) return VRX_ERROR_CALLBACK;
+  if (!callbackBlockValid(cb)) return VRX_ERROR_CALLBACK;
   VRXenv* env = cb->model->env;
   if (!paramname || !newvalue) return setError(env, VRX_ERROR_NULL_ARGUMENT);
   double v = 0;
@@ -338,14 +336,14 @@ VRX_API int VRXcbsolution(void* cbdata, const double* solution, double* objvalP)
   if (objvalP) *objvalP = 1e100;
   auto* cb = static_cast<VRXcbdata*>(cbdata);
   (void)solution;
-  if (!blockValid(cb) || cb->where != VRX_CB_MIPNODE) return VRX_ERROR_CALLBACK;
+  if (!callbackBlockValid(cb) || cb->where != VRX_CB_MIPNODE) return VRX_ERROR_CALLBACK;
   // Candidates go to the MIP search, which this build does not run.
   return setError(cb->model->env, VRX_ERROR_CALLBACK);
 }
 
 static int constraintFromCallback(void* cbdata, int len, const int* ind, bool lazy) {
   auto* cb = static_cast<VRXcbdata*>(cbdata);
-  if (!blockValid(cb)) return VRX_ERROR_CALLBACK;
+  if (!callbackBlockValid(cb)) return VRX_ERROR_CALLBACK;
   VRXenv* env = cb->model->env;
   cb->cutCount++;
   int n = cb->model->data ? cb->model->data->numVars : 0;

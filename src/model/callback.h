@@ -56,6 +56,11 @@ struct VRXcbdata {
   const VRXcbprogress* progress;  // the reporting solver's values, during a call
   int numVars;                     // length of solution arrays handed out
   const vrx::Clock* clock;         // the clock of the run under way, null between runs
+  // Set for the run of a concurrent instance: its closing lines are left to the caller, and
+  // (deterministic form) each poll first hands the instance's work to workPoll.
+  int instanceRun;
+  void (*workPoll)(void* ctx, double work);
+  void* workCtx;
 };
 
 // What the attribute reads answer while an asynchronous solve runs: the worker's private
@@ -77,6 +82,9 @@ struct VRXasyncCache {
 };
 
 namespace vrx {
+inline bool callbackBlockValid(const VRXcbdata* cb) { return cb && cb->magic == kCbMagic && cb->model; }
+// A block for model's callback frame, as a new callback finds it.
+void callbackBlockInit(VRXcbdata* b, VRXmodel* model);
 // The cache of an asynchronous run: made fresh (the old one freed), with the private
 // callback step installed on the model's environment. 0 or 10001.
 int asyncCacheStart(VRXmodel* model);

@@ -1,11 +1,14 @@
 // Several solves of one model at once, each on a copy: one on the caller's thread, the
 // others on threads of their own; the first to reach a final status stops the others (or,
-// in the deterministic form, the least work wins once all have ended). The instances are
+// in the deterministic form, the least work at the end wins, and an instance stops once its
+// work passes the least an instance finished with). The instances are
 // the dual and the primal simplex, the model and its dual form, or the concurrent LP
 // optimiser's barrier and simplex instances.
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstring>
+#include <limits>
 #include <new>
 #include <thread>
 
@@ -27,11 +30,20 @@ struct Shared;
 struct Instance {
   VRXmodel* copy = nullptr;
   volatile int stop = 0;  // the terminate flag of a copy on a thread of its own
+  volatile int* stopFlag = nullptr;  // the flag the instance polls: its own, or the caller's
   int rc = 0;
   int status = 0;  // the outcome the instance reports
   double endTime = 0;
   Clock clock{};
   int (*solve)(Shared* sh, int k) = nullptr;
+  Shared* sh = nullptr;
+  int index = 0;
+  VRXcbdata block{};  // the frame of a copy that does not take the caller's
+  // The deterministic form: the work at the last poll (infinite once ended), whether the
+  // thread runs, whether the instance stopped for work past the least finished.
+  std::atomic<double> progress{0.0};
+  std::atomic<int> started{0};
+  int passed = 0;
 };
 
 // The two primal-dual points of a race of the model and its dual form, in the model's terms.
@@ -44,24 +56,74 @@ struct FormsPoints {
 
 // The slots of a run: as many as there may be user environments.
 constexpr int kMaxInstances = VRX_MAX_CONCURRENT;
+constexpr double kEnded = std::numeric_limits<double>::infinity();
 
 struct Shared {
   std::atomic<int> winner{-1};
   volatile int* callerStop = nullptr;  // the flag instance 0 polls: the caller's
   Instance inst[kMaxInstances];        // 0 on the caller's thread, the others on their own
   int count = 2;
-  // The deterministic form lets every instance end and takes the one of least work, so the
-  // winner does not depend on the timing of the threads.
+  // The deterministic form takes the instance of least work at its end, so the winner does
+  // not depend on the timing of the threads; an instance whose work passes the least
+  // finished work cannot win and stops.
   int deterministic = 0;
+  std::atomic<double> leastWork{kEnded};
+  int hostThreads = 0;  // the host's hook starts the threads, maybe not at once
   int parentStopSet = 0;
   FormsPoints* forms = nullptr;
+  // The caller's frame block while instance 0 uses it, with what it held before.
+  VRXcbdata* callerBlock = nullptr;
+  VRXcbdata callerSaved{};
 };
 
 bool finalStatus(int s) { return s >= VRX_OPTIMAL && s <= VRX_CUTOFF; }
 
+void lowerLeastWork(Shared* sh, double work) {
+  double cur = sh->leastWork.load();
+  while (work < cur && !sh->leastWork.compare_exchange_weak(cur, work)) {
+  }
+}
+
+// Instance 0 shows its log, which must repeat: it goes on past a work level only once each
+// other instance has reached it or ended, so whether one finished below it is settled.
+void awaitOthers(Shared* sh, double work) {
+  for (int o = 1; o < sh->count; ++o) {
+    const Instance& other = sh->inst[o];
+    for (int spins = 0; other.progress.load(std::memory_order_acquire) < work; ++spins) {
+      if (*sh->callerStop) return;
+      // A host thread that has not started may start only at the join.
+      if (sh->hostThreads && !other.started.load()) break;
+      if (spins < 64)
+        std::this_thread::yield();
+      else
+        std::this_thread::sleep_for(std::chrono::microseconds(20));
+    }
+  }
+}
+
+// The poll of an instance in the deterministic form.
+void workPoll(void* ctx, double work) {
+  auto* in = static_cast<Instance*>(ctx);
+  Shared* sh = in->sh;
+  in->progress.store(work, std::memory_order_release);
+  if (in->index == 0) awaitOthers(sh, work);
+  // The caller's terminate reaches the others also after instance 0 ended.
+  const int callerStop = *sh->callerStop;
+  if (in->index > 0 && callerStop && callerStop != kStopSolvedElsewhere) *in->stopFlag = 1;
+  if (work > sh->leastWork.load() && !in->passed) {
+    in->passed = 1;
+    if (in->index == 0) sh->parentStopSet = 1;
+    *in->stopFlag = kStopSolvedElsewhere;
+  }
+}
+
+// The frame of an instance without the caller's callback: only its polls matter.
+int pollOnly(VRXmodel*, void*, int, void*) { return 0; }
+
 // Runs one instance and, when it ends with a final status first, stops the other one.
 void body(Shared* sh, int k) {
   Instance& in = sh->inst[k];
+  in.started.store(1);
   in.clock = clockStart();
   try {
     // Instance 0 reports to the caller's callback: its work is what the frame shows.
@@ -73,8 +135,11 @@ void body(Shared* sh, int k) {
   in.endTime = wallClock();
   const bool final = in.rc == 0 && finalStatus(in.status);
   if (sh->deterministic) {
+    // The least work first, then the end: who sees the end sees the work.
+    if (final) lowerLeastWork(sh, in.clock.work);
+    in.progress.store(kEnded, std::memory_order_release);
     // Only an instance 0 stopped by the caller (or failing) ends the others.
-    if (k == 0 && !final)
+    if (k == 0 && !final && !in.passed)
       for (int o = 1; o < sh->count; ++o) sh->inst[o].stop = 1;
     return;
   }
@@ -125,6 +190,16 @@ void dropCopy(VRXmodel* copy) {
   modelDestroy(copy);
 }
 
+// The caller's block as it was before the race.
+void detachCallerFrame(Shared* sh) {
+  VRXcbdata* b = sh->callerBlock;
+  if (!b) return;
+  b->instanceRun = sh->callerSaved.instanceRun;
+  b->workPoll = sh->callerSaved.workPoll;
+  b->workCtx = sh->callerSaved.workCtx;
+  sh->callerBlock = nullptr;
+}
+
 struct Race {
   VRXenv* env;
   void* mem = nullptr;
@@ -133,6 +208,7 @@ struct Race {
   explicit Race(VRXenv* e) : env(e) {}
   ~Race() {
     if (!sh) return;
+    detachCallerFrame(sh);
     for (int k = 0; k < sh->count; ++k) dropCopy(sh->inst[k].copy);
     sh->~Shared();
     envFree(env, mem);
@@ -162,6 +238,34 @@ int pickWinner(const Shared* sh) {
   return 0;
 }
 
+// The frame of instance k: instance 0 keeps the caller's callback (on the caller's block),
+// the others have none. Each block marks the run as an instance's; in the deterministic
+// form every instance polls through workPoll, with a callback of its own if need be.
+void attachFrame(VRXenv* env, Shared* sh, int k) {
+  Instance& in = sh->inst[k];
+  VRXenv* e = in.copy->env;
+  in.sh = sh;
+  in.index = k;
+  in.stopFlag = k == 0 ? sh->callerStop : &in.stop;
+  VRXcbdata* b = &in.block;
+  if (k == 0 && env->cbFunc && callbackBlockValid(env->cbData)) {
+    b = sh->callerBlock = env->cbData;
+    sh->callerSaved = *b;
+    e->cbFunc = env->cbFunc;
+    e->cbUserData = env->cbUserData;
+  } else {
+    callbackBlockInit(b, in.copy);
+    e->cbFunc = sh->deterministic ? pollOnly : nullptr;
+    e->cbUserData = nullptr;
+  }
+  b->instanceRun = 1;
+  if (sh->deterministic) {
+    b->workPoll = workPoll;
+    b->workCtx = &in;
+  }
+  e->cbData = b;
+}
+
 // Copies the model for the instances, hands the caller's callback to instance 0, runs the
 // others on threads of their own and instance 0 here, and joins. prepare, when given, sets
 // up each copy's parameters. The index of the instance whose result stands goes to *winner.
@@ -176,17 +280,15 @@ int runRace(VRXmodel* model, Race& race, const InstanceSpec* specs, int count, F
   sh->deterministic = deterministic ? 1 : 0;
   sh->forms = forms;
   sh->callerStop = env->terminateFlagRef ? env->terminateFlagRef : &env->terminateFlag;
+  sh->hostThreads = env->threadCreate != nullptr;
   for (int k = 0; k < count; ++k) {
     sh->inst[k].solve = specs[k].solve;
     int err = makeCopy(model, specs[k].method, k == 0 ? sh->callerStop : &sh->inst[k].stop, &sh->inst[k].copy);
     if (err) return err;
     if (prepare) prepare(model, sh->inst[k].copy->env, k, ctx);
   }
-  VRXenv* e0 = sh->inst[0].copy->env;
-  e0->cbFunc = env->cbFunc;
-  e0->cbData = env->cbData;
-  e0->cbUserData = env->cbUserData;
-  e0->logCallback = env->logCallback;
+  for (int k = 0; k < count; ++k) attachFrame(env, sh, k);
+  sh->inst[0].copy->env->logCallback = env->logCallback;
 
   // The other threads: the host's hook when one was given.
   ThreadArg args[kMaxInstances];
@@ -227,7 +329,8 @@ int runRace(VRXmodel* model, Race& race, const InstanceSpec* specs, int count, F
     }
   }
   race.joined = wallClock();
-  if (sh->parentStopSet) *sh->callerStop = 0;
+  if (sh->parentStopSet && *sh->callerStop == kStopSolvedElsewhere) *sh->callerStop = 0;
+  detachCallerFrame(sh);
   if (err) return err;
 
   const int w = pickWinner(sh);
@@ -242,6 +345,12 @@ int runRace(VRXmodel* model, Race& race, const InstanceSpec* specs, int count, F
 
 int solveCopy(Shared* sh, int k) {
   Instance& in = sh->inst[k];
+  // Already decided (an eager host thread may run an instance to its end before the next
+  // starts): nothing to solve and nothing to show.
+  if (*in.stopFlag) {
+    in.status = VRX_INTERRUPTED;
+    return 0;
+  }
   int rc = lpOptimize(in.copy, in.clock);
   in.status = in.copy->status;
   return rc;
@@ -308,7 +417,9 @@ int concurrentFormsPoint(VRXmodel* model, int method, Clock& clock, LPPoint& out
   const VRXmodeldata* d = model->data;
   const size_t n = static_cast<size_t>(d->numVars), m = static_cast<size_t>(d->numConstrs);
   // Each instance writes a point of its own: x, d over n, y over m, the statuses.
-  const size_t per = (2 * n + m + 3) * sizeof(double) + (n + m + 2) * sizeof(int);
+  // Rounded to whole doubles so that the second point's doubles stay aligned.
+  const size_t per = ((2 * n + m + 3) * sizeof(double) + (n + m + 2) * sizeof(int) + sizeof(double) - 1) /
+                     sizeof(double) * sizeof(double);
   FormsPoints forms;
   forms.method = method;
   forms.block = static_cast<double*>(envMalloc(env, 2 * per));
@@ -445,11 +556,25 @@ int cleanupFromWinner(VRXmodel* model, const VRXresult* r, int winnerMethod, Clo
   *done = false;
   if (!r || !r->vBasis || !r->cBasis || model->status != VRX_OPTIMAL) return 0;
   VRXenv* env = model->env;
-  double extra = -1;
+  VRXlp* lp = nullptr;
+  int err = lpSetupRun(model, 1, clock, &lp);
+  if (!err) err = lpLoadBasis(lp, r->vBasis, r->cBasis);
+  if (err) return err;
   // A barrier winner counts its crossover as prior iterations.
-  const double prior = r->iterCount < kNotAvailable ? r->iterCount : 0;
-  int err = lpCleanupFrom(model, 1, r->vBasis, r->cBasis, prior, "for concurrent cleanup", clock, &extra);
-  if (err || extra < 0) return err;
+  lp->priorIter = r->iterCount < kNotAvailable ? r->iterCount : 0;
+  // The closing block has the clean-up's count, not its iteration lines.
+  lp->outputLevel = -1;
+  err = lpRunSimplex(lp, 1, clock);
+  lp->outputLevel = env->par.OutputFlag;
+  if (err == 100001 || err == 100002) {
+    VRXlpFreeOnModel(model);
+    return 0;
+  }
+  if (err) return err;
+  if (lp->iterCount > 1)
+    log(env, "Extra %d simplex iterations for concurrent cleanup\n", static_cast<int>(lp->iterCount));
+  else if (lp->iterCount > 0)
+    log(env, "Extra one simplex iteration for concurrent cleanup\n");
   log(env, "\n");
   log(env, "Solved with %s\n", methodName(winnerMethod));
   *done = true;
@@ -497,8 +622,10 @@ int concurrentLP(VRXmodel* model, Clock& clock) {
   Instance& win = race.sh->inst[w];
   // The run's clock is the parent's: the winner's work is what it took.
   clockCharge(clock, win.clock.work);
+  // The deterministic form always waits for the others to stop; the other form only when
+  // they were slow to see the stop.
   const double spin = race.joined - win.endTime;
-  if (spin >= 0.005) {
+  if (deterministic || spin >= 0.005) {
     if (deterministic && spin > 1.0)
       log(env, "Concurrent spin time: %.2fs (can be avoided by choosing Method=3)\n", spin);
     else

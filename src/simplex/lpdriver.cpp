@@ -618,6 +618,8 @@ int lpPublish(VRXmodel* model, VRXlp* lp) {
 
 void lpClosingLines(VRXmodel* model, const VRXresult* r, double seconds, const UnscaledQuality* uq) {
   VRXenv* env = model->env;
+  // A concurrent instance: the run closes once, for the winner.
+  if (env->cbData && env->cbData->instanceRun) return;
   int status = model->status;
   double iters = r ? r->iterCount : 0;
   if (finishedStatus(status))
@@ -692,12 +694,10 @@ int publishEmpty(VRXmodel* model) {
 // The simplex on the model's own record: the kept one, or a new one from the warm basis or
 // the slack basis. A start that falls apart at once is dropped for a cold solve.
 int directRun(VRXmodel* model, int method, Clock& clock) {
-  double work = 0;
   bool fresh = model->lp == nullptr;
-  int err = VRXlpSetup(model, method, &work);
+  VRXlp* lp = nullptr;
+  int err = lpSetupRun(model, method, clock, &lp);
   if (err) return err;
-  clockCharge(clock, work);
-  auto* lp = static_cast<VRXlp*>(model->lp);
   int runMethod = method;
   if (fresh) {
     const StartParts sp = startParts(model);
@@ -713,17 +713,11 @@ int directRun(VRXmodel* model, int method, Clock& clock) {
     }
     if (err) return err;
   }
-  // Each optimize counts its own iterations, also when it goes on from a kept record.
-  lp->iterCount = 0;
-  lp->priorIter = 0;
-  lp->status = 1;
   err = lpRunSimplex(lp, runMethod, clock);
   if (err == 100001 || err == 100002) {
     VRXlpFreeOnModel(model);
-    err = VRXlpSetup(model, method, &work);
+    err = lpSetupRun(model, method, clock, &lp);
     if (err) return err;
-    lp = static_cast<VRXlp*>(model->lp);
-    lp->status = 1;
     err = lpRunSimplex(lp, method, clock);
   }
   return err;
@@ -822,15 +816,9 @@ int lpFinish(VRXmodel* model, VRXlp* lp, Clock& clock, bool verify = true) {
 // A convex quadratic objective (checked before the run): the primal with superbasic steps
 // on the original model, without presolve.
 int qpRun(VRXmodel* model, Clock& clock) {
-  double work = 0;
-  int err = VRXlpSetup(model, 0, &work);
-  if (err) return err;
-  clockCharge(clock, work);
-  auto* lp = static_cast<VRXlp*>(model->lp);
-  lp->iterCount = 0;
-  lp->priorIter = 0;
-  lp->status = 1;
-  return VRXqpSolve(lp, clock);
+  VRXlp* lp = nullptr;
+  int err = lpSetupRun(model, 0, clock, &lp);
+  return err ? err : VRXqpSolve(lp, clock);
 }
 
 // Parameters the driver or the steps under it may change for a run, put back at its end.
@@ -853,6 +841,21 @@ struct SavedParams {
 };
 
 }  // namespace
+
+int lpSetupRun(VRXmodel* model, int method, Clock& clock, VRXlp** out) {
+  *out = nullptr;
+  double work = 0;
+  int err = VRXlpSetup(model, method, &work);
+  if (err) return err;
+  clockCharge(clock, work);
+  auto* lp = static_cast<VRXlp*>(model->lp);
+  // Each optimize counts its own iterations, also when it goes on from a kept record.
+  lp->iterCount = 0;
+  lp->priorIter = 0;
+  lp->status = 1;
+  *out = lp;
+  return 0;
+}
 
 int lpFinishRecord(VRXmodel* model, Clock& clock) {
   return lpFinish(model, static_cast<VRXlp*>(model->lp), clock);

@@ -56,6 +56,11 @@ int spxConcurrent(VRXmodel* model, Clock& clock);
 // 0 or an error (10003 for unusable concurrent environments).
 int concurrentLP(VRXmodel* model, Clock& clock);
 
+// The record for a run by method on the model (the kept one, or a new one), the work of
+// its setup charged to the clock, its counts and status started afresh. 0 or an error;
+// *lp the record.
+int lpSetupRun(VRXmodel* model, int method, Clock& clock, VRXlp** lp);
+
 // The end of a simplex run on model->lp: the final checks, the results published and the
 // closing lines. 0 or an error.
 int lpFinishRecord(VRXmodel* model, Clock& clock);

@@ -473,16 +473,11 @@ int pwlNativeOptimize(VRXmodel* model, int method, Clock& clock) {
     ~KeepVio() { env->par.VORN_PAR_UNSCALEDVIO = value; }
   } keep{env, env->par.VORN_PAR_UNSCALEDVIO};
   env->par.VORN_PAR_UNSCALEDVIO = 0;
-  double work = 0;
   const bool fresh = model->lp == nullptr;
-  int err = VRXlpSetup(model, method, &work);
+  VRXlp* lp = nullptr;
+  int err = lpSetupRun(model, method, clock, &lp);
   if (err) return err;
-  clockCharge(clock, work);
-  auto* lp = static_cast<VRXlp*>(model->lp);
   if (fresh) pwlLoadBasis(model, lp);
-  lp->iterCount = 0;
-  lp->priorIter = 0;
-  lp->status = 1;
   // Both loops move the columns across their segments themselves. What they leave to
   // change (numerics) is taken up by a further run on the segments in force; every run
   // lowers the objective, so these end, and a bound on them guards against numerics that

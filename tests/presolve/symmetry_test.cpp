@@ -115,6 +115,9 @@ TEST(PresolveSymmetry, RefinementCutShortByItsWorkLimitMergesNothing) {
   EXPECT_EQ(cols - 3, hold.p->liveCols);
   EXPECT_EQ(rows - 1, hold.p->liveRows);
   EXPECT_EQ(3, hold.p->undo.count);
+  // The record lives in the model's environment: it goes first.
+  vrx::presolveFree(hold.p);
+  hold.p = nullptr;
   VRXfreemodel(m);
 }
 

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <thread>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -158,6 +159,7 @@ namespace {
 struct Counts {
   std::atomic<long> live{0};
   std::atomic<int> threads{0};
+  VRXmodel* terminate = nullptr;  // the model a join hook terminates first, when set
 };
 void* cMalloc(size_t n, void* u) {
   static_cast<Counts*>(u)->live++;
@@ -386,6 +388,32 @@ namespace {
 
 const char* const kSolvedWith[] = {"Solved with barrier\n", "Solved with dual simplex\n", "Solved with primal simplex\n"};
 
+// The log of a concurrent LP run ends in one closing block: the wait, the clean-up, the
+// method of the winner, its counts and the status line; no instance closes on its own.
+void expectOneClosingBlock(const std::string& log, const char* what) {
+  static const std::regex tail(
+      "\\n(Concurrent spin time: [0-9]+\\.[0-9]{2}s( \\(can be avoided by choosing Method=3\\))?\\n)?"
+      "(Extra (one simplex iteration|[0-9]+ simplex iterations) for concurrent cleanup\\n)?"
+      "\\nSolved with (barrier|dual simplex|primal simplex)\\n"
+      "Solved in [0-9]+ iterations and [0-9]+\\.[0-9]{2} seconds\\n"
+      "Optimal objective  ?[-0-9.e+]+\\n$");
+  EXPECT_TRUE(std::regex_search(log, tail)) << what << "\n" << log;
+  size_t closings = 0;
+  for (const char* line : {"Solved in ", "Stopped in ", "Solved with "})
+    for (size_t at = log.find(line); at != std::string::npos; at = log.find(line, at + 1)) ++closings;
+  EXPECT_EQ(2u, closings) << what << "\n" << log;
+  EXPECT_EQ(std::string::npos, log.find("Solve interrupted")) << what << "\n" << log;
+  EXPECT_EQ(std::string::npos, log.find("solved by another algorithm")) << what << "\n" << log;
+}
+
+// A log with its times taken out, and the lines shown only when a step took long (they are
+// all the two runs of a deterministic form may differ in).
+std::string withoutTimes(const std::string& log) {
+  static const std::regex times("[0-9]+(\\.[0-9]+)?( seconds|s)(?![A-Za-z])");
+  static const std::regex timed(" \\(can be avoided by choosing Method=3\\)|Ordering time: [0-9.]+s\\n");
+  return std::regex_replace(std::regex_replace(log, timed, ""), times, "T");
+}
+
 // The index in kSolvedWith of the closing line the log holds, -1 when none or several.
 int solvedWith(const std::string& log) {
   int found = -1;
@@ -424,6 +452,7 @@ TEST(Concurrent, ConcurrentLpOptimizer) {
   for (const Case& c : cases) {
     double firstObj = 0, firstIters = -1;
     int firstWinner = -1;
+    std::string firstLog;
     for (int round = 0; round < (c.method == 3 ? 1 : 2); ++round) {
       VRXmodel* m = readNetlib(env, name);
       VRXenv* menv = VRXgetenv(m);
@@ -456,32 +485,37 @@ TEST(Concurrent, ConcurrentLpOptimizer) {
                       static_cast<int>(iters));
         EXPECT_NE(std::string::npos, log.find(closing)) << log;
       }
-      EXPECT_NE(std::string::npos, log.find("Optimal objective ")) << log;
+      expectOneClosingBlock(log, c.header);
+      // The deterministic forms always wait for the instances that cannot win to stop.
+      if (c.method != 3) EXPECT_NE(std::string::npos, log.find("Concurrent spin time: ")) << log;
       if (round == 0) {
         firstObj = obj;
         firstIters = iters;
         firstWinner = winner;
+        firstLog = withoutTimes(log);
         expectConsistentBasis(env, name, m, obj);
       } else {
         EXPECT_EQ(firstWinner, winner) << c.header;
         EXPECT_EQ(firstIters, iters) << c.header;
         EXPECT_EQ(firstObj, obj) << c.header;
+        EXPECT_EQ(firstLog, withoutTimes(log)) << c.header;
       }
       VRXfreemodel(m);
     }
   }
-  {
-    // The dual instance done before the primal one starts (by the user's settings, as the
-    // table puts the barrier first): the primal's closing lines say so.
+  // The dual instance done before the primal or barrier instance starts (by the user's
+  // settings): that one finds the stop at once and shows nothing of its own.
+  for (int first : {0, 2}) {
     Counts counts;
     VRXenv* eager = nullptr;
-    ASSERT_EQ(0, VRXloadenvsyscb(&eager, nullptr, cMalloc, cCalloc, cRealloc, cFree, eagerCreate, eagerJoin, &counts));
+    ASSERT_EQ(0, VRXloadenvsyscb(&eager, nullptr, cMalloc, cCalloc, cRealloc, cFree, eagerCreate, eagerJoin,
+                                 &counts));
     VRXsetintparam(eager, "OutputFlag", 0);
     VRXmodel* m = readNetlib(eager, name);
     VRXenv* menv = VRXgetenv(m);
     VRXsetintparam(menv, "Method", 3);
     VRXsetintparam(menv, "Threads", 2);
-    VRXsetintparam(VRXgetconcurrentenv(m, 0), "Method", 0);
+    VRXsetintparam(VRXgetconcurrentenv(m, 0), "Method", first);
     VRXsetintparam(VRXgetconcurrentenv(m, 1), "Method", 1);
     captureLogOf(menv);
     ASSERT_EQ(0, VRXoptimize(m));
@@ -490,9 +524,11 @@ TEST(Concurrent, ConcurrentLpOptimizer) {
     int winner = -1;
     VRXgetintattr(m, "ConcurrentWinner", &winner);
     EXPECT_EQ(1, winner);
-    EXPECT_NE(std::string::npos, log.find("Simplex solve interrupted - model solved by another algorithm\n")) << log;
-    EXPECT_EQ(std::string::npos, log.find("Solve interrupted\n")) << log;
-    EXPECT_NE(std::string::npos, log.find("\nSolved with dual simplex\nSolved in ")) << log;
+    // Nothing of the instance: straight on to the closing block.
+    const std::regex straight(std::string(first == 2 ? "barrier log" : "first log") +
+                              " only\\.\\.\\.\\n(Concurrent spin time: [0-9.]+s\\n)?\\nSolved with dual simplex\\n");
+    EXPECT_TRUE(std::regex_search(log, straight)) << log;
+    expectOneClosingBlock(log, "eager");
     VRXfreemodel(m);
     VRXfreeenv(eager);
     EXPECT_EQ(0, counts.live.load());
@@ -510,6 +546,103 @@ TEST(Concurrent, ConcurrentLpOptimizer) {
   VRXgetintattr(m, "Status", &status);
   EXPECT_EQ(VRX_OPTIMAL, status);
   VRXfreemodel(m);
+  VRXfreeenv(env);
+}
+
+namespace {
+
+// A deferred thread whose join first terminates the model of the hooks' counts.
+void terminatingJoin(void* handle, void* u) {
+  if (VRXmodel* m = static_cast<Counts*>(u)->terminate) VRXterminate(m);
+  deferredJoin(handle, u);
+}
+
+// The largest simplex iteration count the caller's callback saw.
+int noteIterations(VRXmodel*, void* cbdata, int where, void* usrdata) {
+  double iter = 0;
+  if (where == VRX_CB_SIMPLEX && VRXcbget(cbdata, where, VRX_CB_SPX_ITRCNT, &iter) == 0)
+    *static_cast<double*>(usrdata) = std::max(*static_cast<double*>(usrdata), iter);
+  return 0;
+}
+
+}  // namespace
+
+// The deterministic form on a model where the dual needs less work than the primal (as
+// solves by each method alone tell): the dual instance wins with its own iteration count,
+// also when it runs after the primal one; the primal instance on the caller's thread stops
+// well short of its own end, and a second run repeats the result and the log.
+TEST(Concurrent, DeterministicLoserStopsEarly) {
+  VRXenv* env = nullptr;
+  ASSERT_EQ(0, VRXloadenv(&env, nullptr));
+  VRXsetintparam(env, "OutputFlag", 0);
+  const char* name = "fit1p";
+  double work[2] = {0, 0}, alone[2] = {0, 0};
+  for (int method = 0; method < 2; ++method) {
+    VRXmodel* m = readNetlib(env, name);
+    VRXsetintparam(VRXgetenv(m), "Method", method);
+    VRXsetintparam(VRXgetenv(m), "Threads", 1);
+    ASSERT_EQ(0, VRXoptimize(m));
+    VRXgetdblattr(m, "RunVTime", &work[method]);
+    VRXgetdblattr(m, "IterCount", &alone[method]);
+    VRXfreemodel(m);
+  }
+  ASSERT_LT(work[1], work[0]) << "the model no longer shows a dual of less work";
+  std::string firstLog;
+  for (int round = 0; round < 2; ++round) {
+    VRXmodel* m = readNetlib(env, name);
+    VRXenv* menv = VRXgetenv(m);
+    VRXsetintparam(menv, "Method", 5);
+    VRXsetintparam(menv, "Threads", 2);
+    double seen = 0;
+    ASSERT_EQ(0, VRXsetcallbackfunc(m, noteIterations, &seen));
+    captureLogOf(menv);
+    ASSERT_EQ(0, VRXoptimize(m));
+    const std::string log = capturedLog();
+    VRXsetintparam(menv, "OutputFlag", 0);
+    int status = 0, winner = -1;
+    double iters = 0;
+    VRXgetintattr(m, "Status", &status);
+    VRXgetintattr(m, "ConcurrentWinner", &winner);
+    VRXgetdblattr(m, "IterCount", &iters);
+    EXPECT_EQ(VRX_OPTIMAL, status);
+    EXPECT_EQ(1, winner);
+    EXPECT_EQ(alone[1], iters);
+    EXPECT_GT(seen, 0);
+    EXPECT_LT(seen, 0.95 * alone[0]) << log;
+    expectOneClosingBlock(log, name);
+    if (round == 0)
+      firstLog = withoutTimes(log);
+    else
+      EXPECT_EQ(firstLog, withoutTimes(log));
+    VRXfreemodel(m);
+  }
+  // The dual instance started only at the join, after the primal one ended: it still wins
+  // by its work; the caller's terminate before it starts reaches it, and the primal's
+  // result stands.
+  for (bool terminate : {false, true}) {
+    Counts counts;
+    VRXenv* host = nullptr;
+    ASSERT_EQ(0, VRXloadenvsyscb(&host, nullptr, cMalloc, cCalloc, cRealloc, cFree, deferredCreate,
+                                 terminatingJoin, &counts));
+    VRXsetintparam(host, "OutputFlag", 0);
+    VRXmodel* m = readNetlib(host, name);
+    VRXsetintparam(VRXgetenv(m), "Method", 5);
+    VRXsetintparam(VRXgetenv(m), "Threads", 2);
+    counts.terminate = terminate ? m : nullptr;
+    ASSERT_EQ(0, VRXoptimize(m));
+    int status = 0, winner = -1;
+    double iters = 0;
+    VRXgetintattr(m, "Status", &status);
+    VRXgetintattr(m, "ConcurrentWinner", &winner);
+    VRXgetdblattr(m, "IterCount", &iters);
+    EXPECT_EQ(terminate ? 0 : 1, winner);
+    EXPECT_EQ(alone[terminate ? 0 : 1], iters);
+    // The clean-up on the model sees the terminate too.
+    EXPECT_EQ(terminate ? VRX_INTERRUPTED : VRX_OPTIMAL, status);
+    VRXfreemodel(m);
+    VRXfreeenv(host);
+    EXPECT_EQ(0, counts.live.load());
+  }
   VRXfreeenv(env);
 }
 
@@ -548,12 +681,12 @@ TEST(Concurrent, ConcurrentLpUserEnvironments) {
   VRXfreeenv(env);
 }
 
-// Every allocation of a race may fail, in the race of the two forms and in the concurrent
-// LP optimiser: the solve reports 10001 or ends as usual, and no block is left behind. The
+// Every allocation of a race may fail, in the race of the two forms and in both forms of the
+// concurrent LP optimiser: the solve reports 10001 or ends as usual, and no block is left behind. The
 // eager thread hook makes the instances run one after the other, so every run counts the
 // same allocations.
 TEST(Concurrent, FailedAllocationsLeaveNothing) {
-  for (int kind = 0; kind < 2; ++kind) {
+  for (int kind = 0; kind < 3; ++kind) {
     long total = -1;
     for (long fail = -1; fail < total || total < 0; ++fail) {
       HookState s;
@@ -569,7 +702,7 @@ TEST(Concurrent, FailedAllocationsLeaveNothing) {
         VRXsetintparam(menv, "Presolve", 0);
         VRXsetintparam(menv, "PreDual", 2);
       } else {
-        VRXsetintparam(menv, "Method", 3);
+        VRXsetintparam(menv, "Method", kind == 1 ? 3 : 4);
         VRXsetintparam(VRXgetconcurrentenv(m, 0), "Method", 2);
         VRXsetintparam(VRXgetconcurrentenv(m, 1), "Method", 1);
       }
