@@ -13,7 +13,6 @@ crossover (Crossover=0) and clp with its own defaults (barrier, then crossover);
                          [--out PREFIX] [--filter REGEX] [--no-clp]
 """
 import argparse
-import csv
 import os
 import re
 import shutil
@@ -24,7 +23,7 @@ ROOT = os.path.dirname(HERE)
 sys.path.insert(0, HERE)
 
 from lp_bench import (add_common_args, load_reference, model_files, objective_ok, parse_clp, run,  # noqa: E402
-                      shifted_geomean)
+                      summarize)
 
 
 def parse_vornix_barrier(text):
@@ -85,21 +84,7 @@ def main():
         print(f"{name:<12} {tv:9.3f} {str(iv):>6} {sv + mv:>12}   {tc:9.3f} {sc + mc:>12}   {tv / max(tc, 1e-9):6.2f}")
         sys.stdout.flush()
 
-    okv = sum(r["vornix_ok"] for r in rows)
-    okc = sum(r["clp_ok"] for r in rows)
-    # A run that missed the reference objective counts as the time limit.
-    gv = shifted_geomean([r["vornix_time"] if r["vornix_ok"] else args.timelimit for r in rows])
-    gc = shifted_geomean([r["clp_time"] if r["clp_ok"] else args.timelimit for r in rows])
-    print()
-    print(f"solved correctly: vornix {okv}/{len(rows)}, clp {okc}/{len(rows)}")
-    print(f"shifted geometric mean (10 ms): vornix {gv:.4f}s, clp {gc:.4f}s, ratio {gv / gc:.3f}")
-    os.makedirs(os.path.dirname(args.out), exist_ok=True)
-    with open(args.out + ".csv", "w", newline="") as fh:
-        w = csv.DictWriter(fh, fieldnames=list(rows[0].keys()) if rows else ["model"])
-        w.writeheader()
-        for r in rows:
-            w.writerow(r)
-    print(f"csv: {args.out}.csv")
+    summarize(rows, args, peer=clp is not None)
 
 
 if __name__ == "__main__":

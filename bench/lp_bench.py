@@ -88,6 +88,29 @@ def shifted_geomean(times, shift=0.01):
     return math.exp(sum(math.log(t + shift) for t in times) / len(times)) - shift
 
 
+def summarize(rows, args, peer=True):
+    """Prints the counts and shifted geometric means, writes PREFIX.csv."""
+    okv = sum(r["vornix_ok"] for r in rows)
+    # A run that did not reach the reference objective counts as the time limit.
+    gv = shifted_geomean([r["vornix_time"] if r["vornix_ok"] else args.timelimit for r in rows])
+    print()
+    if peer:
+        okc = sum(r["clp_ok"] for r in rows)
+        gc = shifted_geomean([r["clp_time"] if r["clp_ok"] else args.timelimit for r in rows])
+        print(f"solved correctly: vornix {okv}/{len(rows)}, clp {okc}/{len(rows)}")
+        print(f"shifted geometric mean (10 ms): vornix {gv:.4f}s, clp {gc:.4f}s, ratio {gv / gc:.3f}")
+    else:
+        print(f"solved correctly: vornix {okv}/{len(rows)}")
+        print(f"shifted geometric mean (10 ms): vornix {gv:.4f}s")
+    os.makedirs(os.path.dirname(args.out) or ".", exist_ok=True)
+    with open(args.out + ".csv", "w", newline="") as f:
+        w = csv.DictWriter(f, fieldnames=list(rows[0].keys()) if rows else ["model"])
+        w.writeheader()
+        for r in rows:
+            w.writerow(r)
+    print(f"csv: {args.out}.csv")
+
+
 def plot(rows, prefix):
     gnuplot = shutil.which("gnuplot")
     if not gnuplot:
@@ -180,21 +203,7 @@ def main():
         print(f"{name:<12} {tv:9.3f} {str(iv):>7} {sv + mark_v:>11}   {tc:9.3f} {str(ic):>7} {sc + mark_c:>11}")
         sys.stdout.flush()
 
-    okv = sum(r["vornix_ok"] for r in rows)
-    okc = sum(r["clp_ok"] for r in rows)
-    # A run that did not reach the reference objective counts as the time limit.
-    gv = shifted_geomean([r["vornix_time"] if r["vornix_ok"] else args.timelimit for r in rows])
-    gc = shifted_geomean([r["clp_time"] if r["clp_ok"] else args.timelimit for r in rows])
-    print()
-    print(f"solved correctly: vornix {okv}/{len(rows)}, clp {okc}/{len(rows)}")
-    print(f"shifted geometric mean (10 ms): vornix {gv:.4f}s, clp {gc:.4f}s, ratio {gv / gc:.3f}")
-    os.makedirs(os.path.dirname(args.out), exist_ok=True)
-    with open(args.out + ".csv", "w", newline="") as f:
-        w = csv.DictWriter(f, fieldnames=list(rows[0].keys()) if rows else ["model"])
-        w.writeheader()
-        for r in rows:
-            w.writerow(r)
-    print(f"csv: {args.out}.csv")
+    summarize(rows, args, peer=shutil.which("clp") is not None)
     plot(rows, args.out)
 
 
