@@ -10,6 +10,18 @@ namespace primal {
 
 namespace {
 
+// Column j takes the basis position of row's slack, which goes to its lower bound; the
+// rows of j are marked so later columns keep the basis triangular.
+void placeColumn(VRXlp* lp, int* head, int j, int row, char* touched) {
+  const int n = lp->n;
+  const int p = lp->varStat[n + row];
+  head[p] = j;
+  lp->varStat[j] = p;
+  lp->varStat[n + row] = lp->upper[n + row] == lp->lower[n + row] ? VRX_VS_FIX_LOWER : VRX_VS_LOWER;
+  const int64_t b = lp->colBeg[j], e = b + lp->colLen[j];
+  for (int64_t k = b; k < e; k++) touched[lp->rowInd[k]] = 1;
+}
+
 // On large models the first pass leaves many rows to slacks where a short column would do:
 // the columns left over are tried again, the shortest first, with a looser pivot (half the
 // column's largest entry) and only rows no placed column touches, so the basis stays
@@ -39,11 +51,7 @@ int sparsityPass(VRXlp* lp, int* order, int cnt, char* touched) {
       }
     }
     if (best < 0) continue;
-    const int p = lp->varStat[n + best];
-    head[p] = j;
-    lp->varStat[j] = p;
-    lp->varStat[n + best] = lp->upper[n + best] == lp->lower[n + best] ? VRX_VS_FIX_LOWER : VRX_VS_LOWER;
-    for (int64_t k = b; k < e; k++) touched[lp->rowInd[k]] = 1;
+    placeColumn(lp, head, j, best, touched);
     placed++;
   }
   return placed;
@@ -109,11 +117,7 @@ int crashBasis(VRXlp* lp, int kind, bool secondPass) {
       }
     }
     if (best < 0) continue;
-    const int p = lp->varStat[n + best];
-    head[p] = j;
-    lp->varStat[j] = p;
-    lp->varStat[n + best] = lp->upper[n + best] == lp->lower[n + best] ? VRX_VS_FIX_LOWER : VRX_VS_LOWER;
-    for (int64_t k = b; k < e; k++) touched[lp->rowInd[k]] = 1;
+    placeColumn(lp, head, j, best, touched);
     placed++;
   }
   if (secondPass) placed += sparsityPass(lp, order, cnt, touched);

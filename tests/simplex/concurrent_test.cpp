@@ -706,16 +706,11 @@ TEST(Concurrent, FailedAllocationsLeaveNothing) {
         VRXsetintparam(VRXgetconcurrentenv(m, 0), "Method", 2);
         VRXsetintparam(VRXgetconcurrentenv(m, 1), "Method", 1);
       }
-      s.calls = 0;
-      s.failAt = fail;
-      const int rc = VRXoptimize(m);
-      if (fail < 0) {
-        total = s.calls;
+      const int rc = runFailingAt(&s, fail, &total, [&] { return VRXoptimize(m); });
+      if (fail < 0)
         ASSERT_EQ(0, rc);
-      } else {
+      else
         EXPECT_TRUE(rc == 0 || rc == VRX_ERROR_OUT_OF_MEMORY) << "kind " << kind << " fail " << fail << " rc " << rc;
-      }
-      s.failAt = -1;
       VRXfreemodel(m);
       VRXfreeenv(env);
       EXPECT_EQ(0, s.live) << "kind " << kind << " fail " << fail;

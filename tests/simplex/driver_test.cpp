@@ -928,16 +928,11 @@ TEST(Driver, FailedAllocationsInStartsLeaveNothing) {
       if (parts & 1) VRXsetdblattrarray(m, "PStart", 0, o.n, o.x.data());
       if (parts & 2) VRXsetdblattrarray(m, "DStart", 0, o.rows, o.pi.data());
       ASSERT_EQ(0, VRXupdatemodel(m));
-      s.calls = 0;
-      s.failAt = fail;
-      const int rc = VRXoptimize(m);
-      if (fail < 0) {
-        total = s.calls;
+      const int rc = runFailingAt(&s, fail, &total, [&] { return VRXoptimize(m); });
+      if (fail < 0)
         ASSERT_EQ(0, rc);
-      } else {
+      else
         EXPECT_TRUE(rc == 0 || rc == VRX_ERROR_OUT_OF_MEMORY) << "parts " << parts << " fail " << fail << " rc " << rc;
-      }
-      s.failAt = -1;
       VRXfreemodel(m);
       VRXfreeenv(env);
       EXPECT_EQ(0, s.live) << "parts " << parts << " fail " << fail;

@@ -59,3 +59,15 @@ inline int loadWithHooks(VRXenv** env, HookState* s, const char* log = nullptr) 
   return VRXloadenvsyscb(env, log, hookMalloc, hookCalloc, hookRealloc, hookFree, nullptr,
                          nullptr, s);
 }
+
+// Runs call with the allocation of index fail failing (-1: none; then *total gets the number
+// of allocations the call made) and returns its result.
+template <class Call>
+int runFailingAt(HookState* s, long fail, long* total, Call call) {
+  s->calls = 0;
+  s->failAt = fail;
+  const int rc = call();
+  if (fail < 0) *total = s->calls;
+  s->failAt = -1;
+  return rc;
+}
