@@ -104,6 +104,8 @@ struct VRXbarfactor {
   int workers;          // threads of the numeric factor
   int* workRel;         // (workers - 1) x (n + maxRows): relMap and relWork of the helpers
   double* workUpdate;   // (workers - 1) x updateSize
+  // -- ordering and symbolic factor: further fields below this line --
+  // -- numeric factor: further fields below this line --
 };
 
 namespace vrx {

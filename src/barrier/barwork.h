@@ -24,6 +24,13 @@ int predictFactor(VRXenv* env, int n, const int64_t* xadj, const int* adj, const
 // Its cost in work units: two walks of the pattern, the tree climbs included.
 inline double predictWork(int n, const int64_t* xadj) { return 4.0 * static_cast<double>(xadj[n]) + 6.0 * n; }
 
+// Frees the symbolic and numeric parts of a factor, keeping the ordering.
+void barFreeNumeric(VRXenv* env, VRXbarfactor* f);
+// The factor's cost on a supernode of width k over r rows in all.
+double supernodeOps(double k, double r);
+// Thread tasks of the numeric factor, from the supernodes.
+int barBuildTasks(VRXenv* env, VRXbarfactor* f);
+
 // Runs fn(arg, w) for w = 0..workers-1, worker 0 on the caller's thread, and
 // waits for all. Workers must share out their work through arg. 0 or 10001.
 int barRunWorkers(VRXenv* env, int workers, void (*fn)(void*, int), void* arg);
