@@ -305,6 +305,22 @@ double uniformShift(SymFactor& f, double* ops) {
   return hi;
 }
 
+// The statistics block of the factor, as the barrier prints its own.
+void logQStats(const SymFactor& f) {
+  VRXbarstats st{};
+  st.qNz = static_cast<double>(f.fbeg[static_cast<size_t>(f.k)]);
+  double nz = 0, ops = 0;
+  for (int c = 0; c < f.k; c++) {
+    const double l = f.lnz[static_cast<size_t>(c)];
+    nz += l + 1;
+    ops += l * l;
+  }
+  st.factorNz = nz;
+  st.factorOps = ops;
+  st.secondsPerIter = -1;
+  VRXbarLogStats(f.env, st, 1, true);
+}
+
 }  // namespace
 
 int psdTest(VRXenv* env, int n, int nnz, const int* row, const int* col, const double* val, double termScale,
@@ -319,6 +335,7 @@ int psdTest(VRXenv* env, int n, int nnz, const int* row, const int* col, const d
     buildMatrix(f, n, nnz, row, col, val, termScale);
     int rc = orderAndAnalyse(f);
     if (rc) return rc;
+    logQStats(f);
     double ops = 0.0;
     Pass first = factor(f, 0.0, nullptr, &ops);
     if (first.broken || !first.trouble) {

@@ -210,6 +210,12 @@ TEST(PsdCheck, SolveRepairsOrRefuses) {
     captureLogOf(VRXgetenv(s.m));
     ASSERT_EQ(0, VRXoptimize(s.m));
     EXPECT_EQ(std::string::npos, capturedLog().find("diagonal adjustment")) << capturedLog();
+    // The check's factor reports as the barrier's does: both triangles of the 2 x 2
+    // matrix, three factor entries, one flop.
+    EXPECT_NE(std::string::npos, capturedLog().find("\nQ statistics:\n Q NZ       : 4.000e+00\n"
+                                                    " Factor NZ  : 3.000e+00\n Factor Ops : 1.000e+00\n"
+                                                    " Threads    : 1\n"))
+        << capturedLog();
     double obj = 0;
     VRXgetdblattr(s.m, "ObjVal", &obj);
     EXPECT_NEAR(0.75, obj, 1e-9);  // x = y = 1/2
