@@ -45,9 +45,10 @@ int main(int argc, char** argv) {
   vrx::barFactorFree(m->env, &other);
   if (vrx::VRXbarOrder(m->env, A, opts, &bar.factor, &nz, &ops) || vrx::VRXbarSymbolic(m->env, A, &bar.factor))
     return 1;
-  std::printf("order: amd work %.3e (u %.3g per copy)  nd copies %d  ops amd %.3e nd %.3e -> %.3e%s  order work "
+  std::printf("order: amd work %.3e (u %.3g per copy)  nd copies %d%s  ops amd %.3e nd %.3e -> %.3e%s  order work "
               "%.3e  %.3fs\n",
-              bar.factor.amdWork, bar.factor.amdWork / std::max(amdOps, 1.0), bar.factor.ndCopies, amdOps, ndOps, ops,
+              bar.factor.amdWork, bar.factor.amdWork / std::max(amdOps, 1.0), bar.factor.ndCopies,
+              bar.factor.ndFull ? " (copy 0 on the full pattern)" : "", amdOps, ndOps, ops,
               ops < amdOps ? " (dissection)" : "", bar.factor.orderWork, bar.factor.orderTime);
   for (int j = 0; j < bar.cols; ++j) bar.D[j] = 0.5 + (j % 7);
   double best = 1e300;

@@ -105,6 +105,7 @@ struct VRXbarfactor {
   int* workRel;         // (workers - 1) x (n + maxRows): relMap and relWork of the helpers
   double* workUpdate;   // (workers - 1) x updateSize
   // -- ordering and symbolic factor: further fields below this line --
+  int ndFull;  // dissection copy 0 ordered the full pattern, dense columns kept sparse
   // -- numeric factor: further fields below this line --
 };
 
@@ -121,6 +122,9 @@ struct BarFactorOpts {
   int seed = 0;            // Seed
   int displayInterval = 5; // DisplayInterval
   bool log = false;        // the elapsed-time lines of a long ordering
+  // Predicted flops above which, with more than two copies and an automatic
+  // dense set, dissection copy 0 also orders the full pattern.
+  double fullPatternOps = 1e10;
 };
 
 // Progress lines of a long ordering, written by one copy only.

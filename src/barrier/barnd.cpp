@@ -238,20 +238,36 @@ namespace {
 struct NdCopy {
   VRXenv* env;
   int n;
-  const int64_t* xadj;
+  const int64_t* xadj;  // the pattern this copy dissects
   const int* adj;
   uint64_t seed;
   int* perm;
+  int* spare;         // m + 1 for the repeat, null when the copy runs once
+  uint64_t repeatSeed;
+  bool reduced;       // the pattern leaves out the dense columns
   NdProgress* progress;
   double nz, ops;
   double work;
   int rc;
 };
 
-void runCopy(NdCopy* c) {
-  c->rc = VRXbarND(c->env, c->n, c->xadj, c->adj, c->seed, c->perm, c->progress, &c->work);
-  if (!c->rc) c->rc = predictFactor(c->env, c->n, c->xadj, c->adj, c->perm, &c->nz, &c->ops);
+int dissect(NdCopy* c, uint64_t seed, int* perm, double* nz, double* ops) {
+  int rc = VRXbarND(c->env, c->n, c->xadj, c->adj, seed, perm, c->progress, &c->work);
+  if (!rc) rc = predictFactor(c->env, c->n, c->xadj, c->adj, perm, nz, ops);
   c->work += predictWork(c->n, c->xadj);
+  return rc;
+}
+
+void runCopy(NdCopy* c) {
+  c->rc = dissect(c, c->seed, c->perm, &c->nz, &c->ops);
+  if (c->rc || !c->spare) return;
+  double nz = 0, ops = 0;
+  c->rc = dissect(c, c->repeatSeed, c->spare, &nz, &ops);
+  if (!c->rc && ops < c->ops) {
+    std::memcpy(c->perm, c->spare, sizeof(int) * static_cast<size_t>(c->n));
+    c->nz = nz;
+    c->ops = ops;
+  }
 }
 
 struct NdRun {
@@ -268,10 +284,13 @@ void runCopies(void* arg, int w) {
 
 }  // namespace
 
-int ndStage(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, const char* isDense, double amdWork,
-            int* perm, double* nz, double* ops, int* copiesRun, double* work) {
+int ndStage(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, double amdWork, VRXbarfactor* f, double* nz,
+            double* ops) {
   const int m = A.m;
-  *copiesRun = 0;
+  int* perm = f->perm;
+  const char* isDense = f->denseCols ? f->isDense : nullptr;
+  f->ndCopies = 0;
+  f->ndFull = 0;
   if (opts.order == 0 || m == 0) return 0;
   const double nnzA = static_cast<double>(A.colBeg[A.n]);
   // The number of copies follows the machine and not Threads, which only
@@ -285,43 +304,61 @@ int ndStage(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, const ch
   // that the choice repeats on any machine and load.
   const double u = k * amdWork / std::max(*ops, 1.0);
   if (opts.order == -1 && u >= 0.1 && (m <= 1000 || *ops < 500 * nnzA || *nz < nnzA || u > 2)) return 0;
-  int64_t* xadj = nullptr;
-  int* adj = nullptr;
-  int rc = productPattern(env, A, isDense, &xadj, &adj, nullptr);
-  if (rc) return rc;
-  struct Own {
+  // On a heavy factor with an automatic dense set, copy 0 also tries the full
+  // pattern, dense columns kept sparse, twice with different seeds.
+  const bool full = isDense && k > 2 && *ops > opts.fullPatternOps && opts.denseSep == -1;
+  struct Pattern {
     VRXenv* env;
-    int64_t* x;
-    int* a;
-    ~Own() { envFreeAll(env, x, a); }
-  } own{env, xadj, adj};
+    int64_t* x = nullptr;
+    int* a = nullptr;
+    ~Pattern() { envFreeAll(env, x, a); }
+  } sparse{env}, whole{env};
+  int rc = productPattern(env, A, isDense, &sparse.x, &sparse.a, nullptr);
+  if (!rc && full) rc = productPattern(env, A, nullptr, &whole.x, &whole.a, nullptr);
+  if (rc) return rc;
   // Nothing off the diagonal: the first ordering stands and no copy starts.
-  if (xadj[m] == 0) return 0;
+  if (sparse.x[m] == 0 && !full) return 0;
+  const size_t slot = static_cast<size_t>(m) + 1;
   Scratch<NdCopy> copies(env, static_cast<size_t>(k));
-  Scratch<int> perms(env, static_cast<size_t>(k) * (static_cast<size_t>(m) + 1));
+  Scratch<int> perms(env, (static_cast<size_t>(k) + 1) * slot);
   if (!copies.a || !perms.a) return VRX_ERROR_OUT_OF_MEMORY;
   NdProgress progress{wallClock(), static_cast<double>(opts.displayInterval), wallClock()};
+  const uint64_t seed = static_cast<uint64_t>(opts.seed) + 11;
   for (int t = 0; t < k; ++t) {
-    copies.a[t] = NdCopy{env, m, xadj, adj, static_cast<uint64_t>(opts.seed) + t + 11,
-                         perms.a + static_cast<size_t>(t) * (static_cast<size_t>(m) + 1),
+    const bool onFull = full && t == 0;
+    copies.a[t] = NdCopy{env, m, onFull ? whole.x : sparse.x, onFull ? whole.a : sparse.a, seed + t,
+                         perms.a + t * slot, onFull ? perms.a + k * slot : nullptr, seed + k, !onFull,
                          t == 0 && opts.log ? &progress : nullptr, 0, 0, 0, 0};
   }
   // Each copy writes its own slot only.
   NdRun run{copies.a, k, std::min(k, std::max(1, opts.threads))};
   rc = barRunWorkers(env, run.workers, runCopies, &run);
   if (rc) return rc;
+  f->ndCopies = k;
+  f->ndFull = full;
+  for (int t = 0; t < k; ++t) f->orderWork += copies.a[t].work;
+  // With the full pattern in the race, orders on the reduced one carry the
+  // dense columns' share of the work.
+  auto cost = [&](double o, double z, bool reduced) {
+    return full && reduced ? denseColumnOps(o, z, f->denseCols, m) : o;
+  };
   int best = -1;
-  *copiesRun = k;
-  for (int t = 0; t < k; ++t) *work += copies.a[t].work;
+  double bestCost = 0;
   for (int t = 0; t < k; ++t) {
-    if (copies.a[t].rc) return copies.a[t].rc;
-    if (best < 0 || copies.a[t].ops < copies.a[best].ops) best = t;
+    const NdCopy& c = copies.a[t];
+    if (c.rc) return c.rc;
+    const double ct = cost(c.ops, c.nz, c.reduced);
+    if (best < 0 || ct < bestCost) {
+      best = t;
+      bestCost = ct;
+    }
   }
   // Asked for, dissection stands; in the automatic choice only when it predicts less work.
-  if (opts.order == 1 || copies.a[best].ops < *ops) {
+  if (opts.order == 1 || bestCost < cost(*ops, *nz, true)) {
     std::memcpy(perm, copies.a[best].perm, sizeof(int) * static_cast<size_t>(m));
     *nz = copies.a[best].nz;
     *ops = copies.a[best].ops;
+    if (!copies.a[best].reduced) barDropDense(env, A.n, f);
   }
   return 0;
 }

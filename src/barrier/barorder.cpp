@@ -58,6 +58,14 @@ int VRXbarDenseCols(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, 
   return 0;
 }
 
+void barDropDense(VRXenv* env, int n, VRXbarfactor* f) {
+  std::memset(f->isDense, 0, static_cast<size_t>(n));
+  envFree(env, f->denseColList);
+  f->denseColList = nullptr;
+  f->denseCols = 0;
+  f->denseRetry = 1;
+}
+
 // Pattern of A A' over the sparse columns: both triangles, no diagonal.
 int productPattern(VRXenv* env, const BarMatrix& A, const char* isDense, int64_t** xadjOut, int** adjOut,
                    double* aatNz) {

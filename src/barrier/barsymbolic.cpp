@@ -63,6 +63,15 @@ int buildAssembly(VRXenv* env, const BarMatrix& A, VRXbarfactor* f) {
   return 0;
 }
 
+// The share of a merged supernode's flops that the zeros of a merge may add,
+// by the merged width: narrow supernodes run slowly whatever their fill, and
+// above the widest panel the rule is strict.
+double mergeShare(int width) {
+  if (width <= 4) return HUGE_VAL;
+  if (width <= 16) return 0.8;
+  return width <= 192 ? 0.3 : 0.1;
+}
+
 }  // namespace
 
 void barFactorFree(VRXenv* env, VRXbarfactor* f) {
@@ -121,27 +130,19 @@ int VRXbarOrder(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, VRXb
     envFree(env, xadj);
     envFree(env, adj);
     if (rc) return rc;
-    // Each dense column costs two solves and its share of the Schur block per iteration.
-    const double k = f->denseCols;
-    const double denseOps = ops + k * 4 * nz + k * k * m;
-    if (denseOps <= opsFull) break;
+    if (denseColumnOps(ops, nz, f->denseCols, m) <= opsFull) break;
     std::memcpy(f->perm, full.a, sizeof(int) * static_cast<size_t>(m));
     nz = nzFull;
     ops = opsFull;
-    std::memset(f->isDense, 0, static_cast<size_t>(A.n));
-    envFree(env, f->denseColList);
-    f->denseColList = nullptr;
-    f->denseCols = 0;
-    f->denseRetry = 1;
+    barDropDense(env, A.n, f);
     break;
   }
-  // In exact arithmetic the iteration ends after one step per dense column and one more.
-  f->solveIterLimit = 2 * f->denseCols + 10;
   f->amdWork = amdWork;
   f->orderWork = amdWork;
-  rc = ndStage(env, A, opts, f->denseCols ? f->isDense : nullptr, amdWork, f->perm, &nz, &ops, &f->ndCopies,
-               &f->orderWork);
+  rc = ndStage(env, A, opts, amdWork, f, &nz, &ops);
   if (rc) return rc;
+  // In exact arithmetic the iteration ends after one step per dense column and one more.
+  f->solveIterLimit = 2 * f->denseCols + 10;
   for (int j = 0; j < m; ++j) f->invPerm[f->perm[j]] = j;
   f->orderTime = wallClock() - t0;
   if (nzOut) *nzOut = nz;
@@ -203,7 +204,8 @@ int VRXbarSymbolic(VRXenv* env, const BarMatrix& A, VRXbarfactor* f) {
   if (!rc) rc = columnCounts(env, n, xadj, adj, f->perm, f->invPerm, parent.a, cnt.a);
   if (rc) return rc;
 
-  // Fundamental supernodes, then chains merged while the added zeros stay small.
+  // Fundamental supernodes, then chains merged while the zeros a merge adds stay
+  // within the share its width allows.
   Scratch<int> sfirst(env, sn), scount(env, sn);
   if (!sfirst.a || !scount.a) return VRX_ERROR_OUT_OF_MEMORY;
   int ns = 0;
@@ -212,36 +214,31 @@ int VRXbarSymbolic(VRXenv* env, const BarMatrix& A, VRXbarfactor* f) {
     sfirst.a[ns++] = j;
   }
   sfirst.a[ns] = n;
-  // Merged groups: start column, width, count of the first column, entries held.
+  // Merged groups: start column, count of the first column, flops as one dense trapezoid.
   int groups = 0;
   Scratch<int> gfirst(env, sn);
-  Scratch<double> gnz(env, sn);
-  if (!gfirst.a || !gnz.a) return VRX_ERROR_OUT_OF_MEMORY;
-  auto nzOf = [](double width, double firstCount) { return width * firstCount - width * (width - 1) / 2; };
+  Scratch<double> gops(env, sn);
+  if (!gfirst.a || !gops.a) return VRX_ERROR_OUT_OF_MEMORY;
   for (int s = 0; s < ns; ++s) {
     const int f0 = sfirst.a[s], w = sfirst.a[s + 1] - f0;
-    const double z = nzOf(w, cnt.a[f0]);
+    const double o = supernodeOps(w, cnt.a[f0]);
     if (groups > 0) {
       const int g = groups - 1;
-      const int gl = sfirst.a[s] - 1;  // last column of the previous group
       const int gw = f0 - gfirst.a[g];
-      if (parent.a[gl] == f0) {
-        const double width = gw + w;
-        const double merged = nzOf(width, w + gw + cnt.a[f0] - w);
-        const double zeros = merged - gnz.a[g] - z;
-        const double frac = zeros / merged;
-        // Narrow groups merge freely; wide ones only with little fill.
-        const bool take = width <= 4 || (width <= 16 && frac < 0.8) || (width <= 48 && frac < 0.1) ||
-                          (width <= 192 && frac < 0.05);
-        if (take) {
-          gnz.a[g] = merged;
-          scount.a[g] = static_cast<int>(width + cnt.a[f0] - w);
+      // The previous group is a child when its last column's parent starts this supernode.
+      if (parent.a[f0 - 1] == f0) {
+        const int width = gw + w;
+        const int first = gw + cnt.a[f0];
+        const double merged = supernodeOps(width, first);
+        if (merged - gops.a[g] - o < mergeShare(width) * merged) {
+          gops.a[g] = merged;
+          scount.a[g] = first;
           continue;
         }
       }
     }
     gfirst.a[groups] = f0;
-    gnz.a[groups] = z;
+    gops.a[groups] = o;
     scount.a[groups] = cnt.a[f0];
     ++groups;
   }
@@ -249,7 +246,7 @@ int VRXbarSymbolic(VRXenv* env, const BarMatrix& A, VRXbarfactor* f) {
   // Wide supernodes go into panels, narrower where one holds more than its
   // threads' share of the flops; the panels become supernodes of their own.
   double totalOps = 0;
-  for (int g = 0; g < groups; ++g) totalOps += supernodeOps(gfirst.a[g + 1] - gfirst.a[g], scount.a[g]);
+  for (int g = 0; g < groups; ++g) totalOps += gops.a[g];
   const double threads = std::max(1, f->threads);
   Scratch<int> pcount(env, sn);
   if (!pcount.a) return VRX_ERROR_OUT_OF_MEMORY;
@@ -334,7 +331,8 @@ int VRXbarSymbolic(VRXenv* env, const BarMatrix& A, VRXbarfactor* f) {
       ssib.a[s] = schild.a[ps];
       schild.a[ps] = s;
     }
-    f->factorNz += nzOf(c1 - c0, static_cast<double>(nr));
+    const double width = c1 - c0;
+    f->factorNz += width * static_cast<double>(nr) - width * (width - 1) / 2;
     f->factorOps += supernodeOps(c1 - c0, static_cast<double>(nr));
   }
   f->superRows[ns] = pos;

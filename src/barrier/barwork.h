@@ -36,9 +36,18 @@ int barBuildTasks(VRXenv* env, VRXbarfactor* f);
 int barRunWorkers(VRXenv* env, int workers, void (*fn)(void*, int), void* arg);
 
 // After minimum degree, whose run cost amdWork work units: nested dissection
-// copies, run as the ordering rule asks, replace perm (new -> old) when one
-// predicts fewer flops. *copies is the number run, *work gains their cost.
-int ndStage(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, const char* isDense, double amdWork,
-            int* perm, double* nz, double* ops, int* copies, double* work);
+// copies, run as the ordering rule asks, replace f->perm (new -> old) when one
+// predicts fewer flops; f->ndCopies is the number run, f->orderWork gains their
+// cost. A winning copy on the full pattern drops the dense set.
+int ndStage(VRXenv* env, const BarMatrix& A, const BarFactorOpts& opts, double amdWork, VRXbarfactor* f,
+            double* nz, double* ops);
+
+// The dense columns become sparse ones again (n columns of A).
+void barDropDense(VRXenv* env, int n, VRXbarfactor* f);
+// Predicted flops of an order of the sparse columns (nz entries, ops flops) with
+// the work of d dense columns added: two solves each and their Schur block.
+inline double denseColumnOps(double ops, double nz, int d, int m) {
+  return ops + 4.0 * d * nz + static_cast<double>(d) * d * m;
+}
 
 }  // namespace vrx

@@ -8,19 +8,22 @@
 #include "barrier/barfactor.h"
 #include "barrier/barwork.h"
 #include "vornix_c.h"
+#include "../support/hooks.h"
 #include "../support/quiet_env.h"
 
 namespace {
+
+using Columns = std::vector<std::vector<std::pair<int, double>>>;
 
 struct Grid {
   int m = 0, n = 0;
   std::vector<int64_t> colBeg, rowBeg;
   std::vector<int> rowInd, rowCol;
   std::vector<double> val, rowVal;
-  // Rows are the nodes of a g x h (x d) grid, columns its edges plus a unit column per node.
-  Grid(int g, int h, int d = 1) {
-    m = g * h * d;
-    std::vector<std::vector<std::pair<int, double>>> cols;
+  // Rows are the nodes of a g x h (x d) grid, columns its edges plus a unit
+  // column per node, then the extra columns.
+  Grid(int g, int h, int d = 1, const Columns& extra = {}) {
+    Columns cols;
     for (int l = 0; l < d; ++l)
       for (int r = 0; r < g; ++r)
         for (int c = 0; c < h; ++c) {
@@ -30,6 +33,13 @@ struct Grid {
           if (r + 1 < g) cols.push_back({{v, 1.0}, {v + h, -1.0}});
           if (l + 1 < d) cols.push_back({{v, 1.0}, {v + g * h, -1.0}});
         }
+    cols.insert(cols.end(), extra.begin(), extra.end());
+    build(g * h * d, cols);
+  }
+  // Any m-row matrix given by its columns.
+  Grid(int rows, const Columns& cols) { build(rows, cols); }
+  void build(int rows, const Columns& cols) {
+    m = rows;
     n = static_cast<int>(cols.size());
     colBeg.push_back(0);
     for (auto& col : cols) {
@@ -248,6 +258,204 @@ TEST(BarND, ChoiceInWorkUnitsRepeats) {
     ASSERT_EQ(0, vrx::VRXbarOrder(e.env, G.view(), opts, &F.f, nullptr, nullptr));
     EXPECT_EQ(c.copies, F.f.ndCopies) << G.m << " rows";
   }
+}
+
+}  // namespace
+
+namespace {
+
+// Few rows never dissect on more than one copy; a product with nothing off the
+// diagonal starts none and keeps the identity.
+TEST(BarND, CopiesFollowTheRowCount) {
+  Env e;
+  Columns units;
+  for (int i = 0; i < 1200; ++i) units.push_back({{i, 2.0}});
+  const Grid rows999(27, 37), rows1000(25, 40), diag(1200, units);
+  struct Case {
+    const Grid* G;
+    int minCopies, maxCopies;
+  };
+  for (const Case c : {Case{&rows999, 1, 1}, Case{&rows1000, 2, 8}, Case{&diag, 0, 0}}) {
+    vrx::BarFactorOpts opts;
+    opts.order = 1;
+    opts.cores = 8;
+    opts.threads = 8;
+    Factor F(e.env);
+    ASSERT_EQ(0, vrx::VRXbarOrder(e.env, c.G->view(), opts, &F.f, nullptr, nullptr));
+    EXPECT_GE(F.f.ndCopies, c.minCopies) << c.G->m << " rows";
+    EXPECT_LE(F.f.ndCopies, c.maxCopies) << c.G->m << " rows";
+    if (c.G == &diag)
+      for (int i = 0; i < diag.m; ++i) ASSERT_EQ(i, F.f.perm[i]);
+  }
+}
+
+}  // namespace
+
+namespace {
+
+// A side^3 grid whose rows 0..7 are a clique through eight columns of seven
+// entries, and `dense` copies of a column over those eight rows: with the
+// threshold at 8 those copies are the dense set, and they add nothing to the
+// pattern of A A', so the full pattern only saves their Schur work.
+Grid gridWithDenseCopies(int side, int dense) {
+  Columns extra;
+  for (int skip = 0; skip < 8; ++skip) {
+    extra.emplace_back();
+    for (int i = 0; i < 8; ++i)
+      if (i != skip) extra.back().push_back({i, 1.0 + 0.1 * i});
+  }
+  for (int t = 0; t < dense; ++t) {
+    extra.emplace_back();
+    for (int i = 0; i < 8; ++i) extra.back().push_back({i, 0.5 + 0.01 * (i + t)});
+  }
+  return Grid(side, side, side, extra);
+}
+
+// Dissection forced on three copies with the full pattern allowed at any size.
+vrx::BarFactorOpts fullPatternOpts(int threads) {
+  vrx::BarFactorOpts opts;
+  opts.order = 1;
+  opts.cores = 3;
+  opts.threads = threads;
+  opts.denseThresh = 8;
+  opts.fullPatternOps = 0;
+  return opts;
+}
+
+// The dense set and minimum degree as the ordering makes them, up to the
+// dissection stage; *work is the minimum degree's.
+void beforeDissection(VRXenv* env, const Grid& G, const vrx::BarFactorOpts& opts, VRXbarfactor* f, double* nz,
+                      double* ops, double* work) {
+  f->threads = std::max(1, opts.threads);
+  f->env = env;
+  ASSERT_EQ(0, vrx::VRXbarDenseCols(env, G.view(), opts, f));
+  f->n = G.m;
+  f->perm = vrx::envAllocArray<int>(env, static_cast<size_t>(G.m) + 1);
+  f->invPerm = vrx::envAllocArray<int>(env, static_cast<size_t>(G.m) + 1);
+  int64_t* xadj = nullptr;
+  int* adj = nullptr;
+  ASSERT_EQ(0, vrx::productPattern(env, G.view(), f->isDense, &xadj, &adj, nullptr));
+  *work = 0;
+  ASSERT_EQ(0, vrx::VRXbarAMD(env, G.m, xadj, adj, f->perm, work));
+  ASSERT_EQ(0, vrx::predictFactor(env, G.m, xadj, adj, f->perm, nz, ops));
+  vrx::envFree(env, xadj);
+  vrx::envFree(env, adj);
+  f->orderWork = *work;
+}
+
+// Then the dissection stage alone, without the retry that could drop the set first.
+void dissectOnly(VRXenv* env, const Grid& G, const vrx::BarFactorOpts& opts, VRXbarfactor* f, double* nz,
+                 double* ops) {
+  double work = 0;
+  beforeDissection(env, G, opts, f, nz, ops, &work);
+  ASSERT_EQ(0, vrx::ndStage(env, G.view(), opts, work, f, nz, ops));
+  for (int j = 0; j < G.m; ++j) f->invPerm[f->perm[j]] = j;
+}
+
+// On more than two copies, a heavy factor and an automatic dense set, copy 0
+// orders the full pattern twice; when it wins the dense set is gone and the
+// factor holds those columns. It repeats, on one thread and on two.
+TEST(BarND, FullPatternCopyDropsTheDenseSetWhenItWins) {
+  Env e;
+  const int dense = 40;
+  const Grid G = gridWithDenseCopies(16, dense);
+  std::vector<int> first;
+  for (int threads : {1, 2, 2}) {
+    const vrx::BarFactorOpts opts = fullPatternOpts(threads);
+    Factor F(e.env);
+    double nz = 0, ops = 0;
+    dissectOnly(e.env, G, opts, &F.f, &nz, &ops);
+    ASSERT_EQ(3, F.f.ndCopies);
+    EXPECT_EQ(1, F.f.ndFull);
+    ASSERT_EQ(0, F.f.denseCols);
+    EXPECT_EQ(1, F.f.denseRetry);
+    EXPECT_EQ(nullptr, F.f.denseColList);
+    for (int j = 0; j < G.n; ++j) ASSERT_EQ(0, F.f.isDense[j]) << j;
+    // The order is the better of copy 0's two dissections of the full pattern.
+    int64_t* xadj = nullptr;
+    int* adj = nullptr;
+    ASSERT_EQ(0, vrx::productPattern(e.env, G.view(), nullptr, &xadj, &adj, nullptr));
+    double nzP = 0, opsP = 0;
+    ASSERT_EQ(0, vrx::predictFactor(e.env, G.m, xadj, adj, F.f.perm, &nzP, &opsP));
+    EXPECT_EQ(ops, opsP);
+    std::vector<int> p(G.m);
+    for (uint64_t seed : {11u, 14u}) {
+      ASSERT_EQ(0, vrx::VRXbarND(e.env, G.m, xadj, adj, seed, p.data(), nullptr));
+      double nzS = 0, opsS = 0;
+      ASSERT_EQ(0, vrx::predictFactor(e.env, G.m, xadj, adj, p.data(), &nzS, &opsS));
+      EXPECT_LE(ops, opsS) << seed;
+    }
+    vrx::envFree(e.env, xadj);
+    vrx::envFree(e.env, adj);
+    if (first.empty()) {
+      first.assign(F.f.perm, F.f.perm + G.m);
+      EXPECT_LT(solveResidual(e.env, G, F), 1e-9);
+    } else {
+      EXPECT_EQ(first, std::vector<int>(F.f.perm, F.f.perm + G.m)) << threads;
+    }
+  }
+}
+
+// Two copies at most, a factor below the threshold, or a dense set that is
+// not automatic: the copies order the reduced pattern only and the set stays.
+TEST(BarND, FullPatternCopyOnlyWhenAllConditionsHold) {
+  Env e;
+  const int dense = 40;
+  const Grid G = gridWithDenseCopies(16, dense);
+  struct Case {
+    int cores, denseSep;
+    double threshold;
+  };
+  for (const Case c : {Case{2, -1, 0}, Case{3, -1, 1e10}, Case{3, 0, 0}, Case{3, 1, 0}}) {
+    vrx::BarFactorOpts opts = fullPatternOpts(2);
+    opts.cores = c.cores;
+    opts.denseSep = c.denseSep;
+    opts.fullPatternOps = c.threshold;
+    Factor F(e.env);
+    double nz = 0, ops = 0;
+    if (c.denseSep == -1)
+      dissectOnly(e.env, G, opts, &F.f, &nz, &ops);
+    else
+      ASSERT_EQ(0, vrx::VRXbarOrder(e.env, G.view(), opts, &F.f, &nz, &ops));
+    EXPECT_EQ(c.cores, F.f.ndCopies) << c.cores << " " << c.denseSep;
+    EXPECT_EQ(0, F.f.ndFull) << c.cores << " " << c.denseSep << " " << c.threshold;
+    EXPECT_EQ(c.denseSep == 1 ? 0 : dense, F.f.denseCols) << c.cores << " " << c.denseSep;
+    EXPECT_EQ(0, F.f.denseRetry);
+  }
+}
+
+// A failed allocation anywhere in the stage with the full-pattern copy is
+// reported and leaves no block behind.
+TEST(BarND, FullPatternStageOutOfMemoryLeavesNothing) {
+  const Grid G = gridWithDenseCopies(10, 20);
+  // One thread: the counting hooks are not made for concurrent calls.
+  const vrx::BarFactorOpts opts = fullPatternOpts(1);
+  long total = 0, stride = 1, failed = 0;
+  for (long fail = -1; fail < total; fail += fail < 0 ? 1 : stride) {
+    HookState st;
+    VRXenv* env = nullptr;
+    ASSERT_EQ(0, loadWithHooks(&env, &st));
+    VRXsetintparam(env, "OutputFlag", 0);
+    {
+      Factor F(env);
+      double nz = 0, ops = 0, work = 0;
+      beforeDissection(env, G, opts, &F.f, &nz, &ops, &work);
+      const int rc =
+          runFailingAt(&st, fail, &total, [&] { return vrx::ndStage(env, G.view(), opts, work, &F.f, &nz, &ops); });
+      if (fail < 0) {
+        ASSERT_EQ(0, rc);
+        ASSERT_EQ(1, F.f.ndFull);
+        ASSERT_GT(total, 20);
+        stride = std::max(1L, total / 100);
+      } else {
+        EXPECT_TRUE(rc == 0 || rc == VRX_ERROR_OUT_OF_MEMORY) << "call " << fail << " rc " << rc;
+        failed += rc != 0;
+      }
+    }
+    VRXfreeenv(env);
+    EXPECT_EQ(0, st.live) << "call " << fail;
+  }
+  EXPECT_GT(failed, 50);
 }
 
 }  // namespace
