@@ -8,6 +8,7 @@
 #include "barrier/barwork.h"
 #include "model/callback.h"
 #include "model/modeldata.h"
+#include "simplex/lpdriver.h"
 
 namespace vrx {
 
@@ -972,7 +973,12 @@ int VRXbarrier(VRXmodel* model, Clock& clock, const BarRunOpts& opts, VRXbarsol*
     case VRX_CUTOFF: log(env, "Objective cutoff exceeded\n"); break;
     case VRX_ITERATION_LIMIT: log(env, "Iteration limit reached\n"); break;
     case VRX_TIME_LIMIT: log(env, "Time limit reached\n"); break;
-    case VRX_INTERRUPTED: log(env, "Optimization interrupted\n"); break;
+    case VRX_INTERRUPTED:
+      if (env->terminateFlagRef && *env->terminateFlagRef == kStopSolvedElsewhere)
+        log(env, "Barrier solve interrupted - model solved by another algorithm\n");
+      else
+        log(env, "Optimization interrupted\n");
+      break;
     case VRX_NUMERIC:
       log(env, "Numerical trouble encountered\n");
       if (!bar.homogeneous) {
