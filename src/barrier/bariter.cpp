@@ -339,6 +339,11 @@ void restoreBest(VRXbar* bar) {
   bar->kappa = bar->bkappa;
 }
 
+bool solvedElsewhere(const VRXenv* env) {
+  const int flag = env->terminateFlagRef ? *env->terminateFlagRef : 0;
+  return flag == kStopSolvedElsewhere || (env->cbData && env->cbData->instanceRun && flag != 1);
+}
+
 // How far the point is from optimal: the worst of the relative measures.
 double merit(const VRXbar* bar) { return std::max(bar->rel, std::max(bar->pinfRel, bar->dinfRel)); }
 
@@ -974,7 +979,8 @@ int VRXbarrier(VRXmodel* model, Clock& clock, const BarRunOpts& opts, VRXbarsol*
     case VRX_ITERATION_LIMIT: log(env, "Iteration limit reached\n"); break;
     case VRX_TIME_LIMIT: log(env, "Time limit reached\n"); break;
     case VRX_INTERRUPTED:
-      if (env->terminateFlagRef && *env->terminateFlagRef == kStopSolvedElsewhere)
+      // In a concurrent run a stop is another instance's win, unless the caller asked for it.
+      if (solvedElsewhere(env))
         log(env, "Barrier solve interrupted - model solved by another algorithm\n");
       else
         log(env, "Optimization interrupted\n");
