@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Barrier against barrier: vornix_cl Method=2 and clp -barrier on every model of a folder.
 
-Single-threaded. Prints per-model time, barrier iterations and status for both,
+Single-threaded unless --threads says otherwise (both solvers get the same
+count). Prints per-model time, barrier iterations and status for both,
 checks each objective against reference.csv, and reports the ratio of shifted
 geometric means of the times (shift 10 ms). By default vornix runs without
 crossover (Crossover=0) and clp with its own defaults (barrier, then crossover);
@@ -10,7 +11,7 @@ crossover (Crossover=0) and clp with its own defaults (barrier, then crossover);
 
   bench/barrier_bench.py [--dir DIR] [--timelimit S] [--presolve 0|1|-1]
                          [--crossover] [--vornix-args "..."] [--clp-args "..."]
-                         [--out PREFIX] [--filter REGEX] [--no-clp]
+                         [--out PREFIX] [--filter REGEX] [--no-clp] [--threads N]
 """
 import argparse
 import os
@@ -49,6 +50,7 @@ def main():
     ap.add_argument("--presolve", default="-1")
     ap.add_argument("--crossover", action="store_true")
     ap.add_argument("--no-clp", action="store_true", help="vornix only, e.g. to compare two builds")
+    ap.add_argument("--threads", type=int, default=1, help="Threads for vornix, -threads for clp")
     args = ap.parse_args()
 
     ref = load_reference(args.reference)
@@ -61,7 +63,8 @@ def main():
     for f in files:
         name = re.sub(r"\.(mps|qps)(\.gz|\.bz2)?$", "", f)
         path = os.path.join(args.dir, f)
-        vcmd = [args.vornix, "Method=2", "Threads=1", f"Presolve={args.presolve}", f"TimeLimit={args.timelimit}"]
+        vcmd = [args.vornix, "Method=2", f"Threads={args.threads}", f"Presolve={args.presolve}",
+                f"TimeLimit={args.timelimit}"]
         if not args.crossover:
             vcmd.append("Crossover=0")
         vcmd += args.vornix_args.split() + [path]
@@ -69,7 +72,8 @@ def main():
         sv, ov, iv = parse_vornix_barrier(text)
         row = {"model": name, "vornix_time": tv, "vornix_iters": iv, "vornix_status": sv, "vornix_obj": ov}
         if clp:
-            ccmd = [clp, path, "-sec", str(args.timelimit), "-threads", "1"] + args.clp_args.split() + ["-barrier"]
+            ccmd = [clp, path, "-sec", str(args.timelimit), "-threads", str(args.threads)]
+            ccmd += args.clp_args.split() + ["-barrier"]
             tc, _, ctext = run(ccmd, args.timelimit)
             sc, oc, _ = parse_clp(ctext)
         else:

@@ -2,10 +2,24 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <condition_variable>
 #include <cstring>
+#include <mutex>
+#include <thread>
 
 #include "barrier/barfactor.h"
 #include "barrier/barwork.h"
+
+// What one thread needs to factor supernodes: its scratch and its pivot counts.
+struct VRXbarthreadwork {
+  int* relMap;
+  int* relWork;
+  double* update;
+  double* colVals;
+  int regularised;
+  int skipped;
+  double minPivot;
+};
 
 namespace vrx {
 
@@ -13,10 +27,17 @@ void barFreeNumeric(VRXenv* env, VRXbarfactor* f) {
   envFreeAll(env, f->etree, f->superBeg, f->superRows, f->superRowInd, f->panelBeg, f->panelVal, f->colSuper,
              f->update, f->relMap, f->link, f->linkPos, f->dropped, f->denseW, f->solveWork, f->denseBlock,
              f->refineWork, f->colBeg, f->rowInd, f->asmBeg, f->asmIdx, f->asmPairBeg, f->asmOff, f->relWork,
-             f->diag0, f->taskBeg, f->taskLen, f->deferred, f->deferredCount, f->workRel, f->workUpdate);
+             f->diag0, f->taskBeg, f->taskLen, f->deferred, f->deferredCount, f->workRel, f->workUpdate,
+             f->taskOrder, f->teamBlocks, f->updList, f->workCol, f->threadWork, f->asmChunkSuper, f->asmSpanBeg,
+             f->asmSpan);
   f->taskBeg = f->taskLen = f->deferred = f->deferredCount = f->workRel = nullptr;
-  f->workUpdate = nullptr;
+  f->taskOrder = f->teamBlocks = f->updList = f->asmChunkSuper = f->asmSpan = nullptr;
+  f->asmSpanBeg = nullptr;
+  f->asmChunks = 0;
+  f->workUpdate = f->workCol = nullptr;
+  f->threadWork = nullptr;
   f->taskCount = 0;
+  f->helperSlots = 0;
   f->asmBeg = f->asmPairBeg = nullptr;
   f->asmIdx = f->relWork = nullptr;
   f->asmOff = nullptr;
@@ -35,64 +56,134 @@ double supernodeOps(double k, double r) {
   return sq(r) - sq(r - k);
 }
 
+namespace {
+
+// Row blocks of a shared supernode: at least this many flops and rows each,
+// and few of them. Every block cuts each update into one more dgemm call of
+// fewer rows, which costs the lone thread time; four blocks let two threads
+// even out their shares.
+constexpr double kBlockFlops = 2.5e5;
+constexpr double kBlockRows = 128;
+constexpr int kMaxBlocks = 4;
+// Most pieces one step of the threads can hold (tasks, blocks, chunks).
+constexpr int kMaxPieces = 0xFFFFFF;
+
+// The first supernode from s on that no task holds; *task, the next task,
+// moves past the tasks skipped. Tasks are ranges in supernode order.
+int skipTasks(const VRXbarfactor* f, int s, int* task) {
+  while (*task < f->taskCount && s == f->taskBeg[*task]) s += f->taskLen[(*task)++];
+  return s;
+}
+
+// Above the tasks, the supernodes with enough work, the updates they receive
+// (upd) and their own, are cut into row blocks that the threads share.
+int planSharedBlocks(VRXenv* env, VRXbarfactor* f, const double* upd) {
+  const int ns = f->superCount;
+  f->teamBlocks = envCallocArray<int>(env, static_cast<size_t>(ns));
+  f->updList = envAllocArray<int>(env, 2 * static_cast<size_t>(ns));
+  if (!f->teamBlocks || !f->updList) return VRX_ERROR_OUT_OF_MEMORY;
+  int task = 0;
+  for (int s = skipTasks(f, 0, &task); s < ns; s = skipTasks(f, s + 1, &task)) {
+    const double nc = f->superBeg[s + 1] - f->superBeg[s];
+    const int nr = static_cast<int>(f->superRows[s + 1] - f->superRows[s]);
+    const double work = upd[s] + (nr - nc) * nc * nc + nc * nc * nc / 3;
+    const double blocks = std::min({static_cast<double>(kMaxBlocks), std::floor(nr / kBlockRows), work / kBlockFlops});
+    // Shorter dgemm calls run slower on one thread: a factor for one thread keeps them whole.
+    if (blocks >= 2 && f->threads > 1) f->teamBlocks[s] = static_cast<int>(blocks);
+  }
+  return 0;
+}
+
 // Independent subtrees for the threads: the largest subtrees whose flops stay
-// within an eighth of the factor's. Small factors keep one task list empty.
-int barBuildTasks(VRXenv* env, VRXbarfactor* f) {
+// within an eighth of the factor's, taken largest first; then the shared
+// row blocks above them.
+int planTasks(VRXenv* env, VRXbarfactor* f) {
   const int ns = f->superCount;
   f->taskCount = 0;
-  f->workers = 1;
   if (ns < 2 || f->factorOps < 1e7) return 0;
-  Scratch<double> ops(env, static_cast<size_t>(ns));
+  Scratch<double> ops(env, static_cast<size_t>(ns)), upd(env, static_cast<size_t>(ns));
   Scratch<int> size(env, static_cast<size_t>(ns)), parent(env, static_cast<size_t>(ns));
-  if (!ops.a || !size.a || !parent.a) return VRX_ERROR_OUT_OF_MEMORY;
+  if (!ops.a || !upd.a || !size.a || !parent.a) return VRX_ERROR_OUT_OF_MEMORY;
   for (int s = 0; s < ns; ++s) {
     const int nc = f->superBeg[s + 1] - f->superBeg[s];
     const int64_t nr = f->superRows[s + 1] - f->superRows[s];
     ops.a[s] = supernodeOps(nc, static_cast<double>(nr));
     size.a[s] = 1;
+    upd.a[s] = 0;
   }
-  // Children come before parents, so one pass sums the subtrees.
+  // Children come before parents, so one pass sums the subtrees. The same
+  // pass adds up the updates each supernode receives, block by block.
   for (int s = 0; s < ns; ++s) {
     const int nc = f->superBeg[s + 1] - f->superBeg[s];
-    const int64_t nr = f->superRows[s + 1] - f->superRows[s];
-    parent.a[s] = nr > nc ? f->colSuper[f->superRowInd[f->superRows[s] + nc]] : -1;
+    const int64_t end = f->superRows[s + 1];
+    int64_t p = f->superRows[s] + nc;
+    parent.a[s] = p < end ? f->colSuper[f->superRowInd[p]] : -1;
     if (parent.a[s] >= 0) {
       ops.a[parent.a[s]] += ops.a[s];
       size.a[parent.a[s]] += size.a[s];
     }
+    while (p < end) {
+      const int t = f->colSuper[f->superRowInd[p]];
+      int64_t q = p;
+      while (q < end && f->superRowInd[q] < f->superBeg[t + 1]) ++q;
+      upd.a[t] += 2.0 * static_cast<double>(end - p) * static_cast<double>(q - p) * nc;
+      p = q;
+    }
   }
   const double limit = f->factorOps / 8;
+  auto isRoot = [&](int s) { return ops.a[s] <= limit && (parent.a[s] < 0 || ops.a[parent.a[s]] > limit); };
   int count = 0;
-  for (int s = 0; s < ns; ++s)
-    if (ops.a[s] <= limit && (parent.a[s] < 0 || ops.a[parent.a[s]] > limit)) ++count;
-  if (count < 2) return 0;
-  f->taskBeg = envAllocArray<int>(env, static_cast<size_t>(count));
-  f->taskLen = envAllocArray<int>(env, static_cast<size_t>(count));
-  f->deferredCount = envAllocArray<int>(env, static_cast<size_t>(count));
-  f->deferred = envAllocArray<int>(env, static_cast<size_t>(ns));
-  if (!f->taskBeg || !f->taskLen || !f->deferredCount || !f->deferred) return VRX_ERROR_OUT_OF_MEMORY;
-  // A subtree is the range of supernodes that ends at its root.
-  for (int s = 0; s < ns; ++s) {
-    if (!(ops.a[s] <= limit && (parent.a[s] < 0 || ops.a[parent.a[s]] > limit))) continue;
-    f->taskBeg[f->taskCount] = s - size.a[s] + 1;
-    f->taskLen[f->taskCount] = size.a[s];
-    f->taskCount++;
+  for (int s = 0; s < ns; ++s) count += isRoot(s);
+  if (count >= 2 && count <= kMaxPieces) {
+    f->taskBeg = envAllocArray<int>(env, static_cast<size_t>(count));
+    f->taskLen = envAllocArray<int>(env, static_cast<size_t>(count));
+    f->taskOrder = envAllocArray<int>(env, static_cast<size_t>(count));
+    f->deferredCount = envAllocArray<int>(env, static_cast<size_t>(count));
+    f->deferred = envAllocArray<int>(env, static_cast<size_t>(ns));
+    if (!f->taskBeg || !f->taskLen || !f->taskOrder || !f->deferredCount || !f->deferred)
+      return VRX_ERROR_OUT_OF_MEMORY;
+    // A subtree is the range of supernodes that ends at its root.
+    for (int s = 0; s < ns; ++s) {
+      if (!isRoot(s)) continue;
+      f->taskBeg[f->taskCount] = s - size.a[s] + 1;
+      f->taskLen[f->taskCount] = size.a[s];
+      f->taskOrder[f->taskCount] = f->taskCount;
+      f->taskCount++;
+    }
+    const double* sub = ops.a;
+    const VRXbarfactor* F = f;
+    std::stable_sort(f->taskOrder, f->taskOrder + count, [sub, F](int a, int b) {
+      return sub[F->taskBeg[a] + F->taskLen[a] - 1] > sub[F->taskBeg[b] + F->taskLen[b] - 1];
+    });
   }
-  f->workers = std::min(std::max(1, f->threads), f->taskCount);
+  return planSharedBlocks(env, f, upd.a);
+}
+
+}  // namespace
+
+int barBuildTasks(VRXenv* env, VRXbarfactor* f) {
+  f->workers = 1;
+  f->helperSlots = 0;
+  int rc = planTasks(env, f);
+  if (rc) return rc;
+  bool shared = f->taskCount > 0;
+  for (int s = 0; f->teamBlocks && s < f->superCount && !shared; ++s) shared = f->teamBlocks[s] > 0;
+  if (shared) f->workers = std::min(std::max(1, f->threads), 64);
+  f->threadWork = envAllocArray<VRXbarthreadwork>(env, static_cast<size_t>(f->workers));
+  if (!f->threadWork) return VRX_ERROR_OUT_OF_MEMORY;
   if (f->workers > 1) {
     const size_t helpers = static_cast<size_t>(f->workers - 1);
     f->workRel = envAllocArray<int>(env, helpers * (static_cast<size_t>(f->n) + f->maxRows + 1));
     f->workUpdate = envAllocArray<double>(env, helpers * static_cast<size_t>(f->updateSize + 1));
-    if (!f->workRel || !f->workUpdate) return VRX_ERROR_OUT_OF_MEMORY;
+    f->workCol = envAllocArray<double>(env, helpers * (static_cast<size_t>(f->n) + 1));
+    if (!f->workRel || !f->workUpdate || !f->workCol) return VRX_ERROR_OUT_OF_MEMORY;
+    f->helperSlots = f->workers - 1;
   }
   return 0;
 }
 
-
 namespace {
 
-// Dense Cholesky of the nr x nc panel (column-major, lda nr) in place, with the
-// pivot rule of the barrier: a tiny pivot takes reg, or drops out when reg <= 0.
 // Pivot counts of one thread.
 struct PivotCount {
   int regularised;
@@ -100,14 +191,17 @@ struct PivotCount {
   double minPivot;
 };
 
-void factorPanel(VRXbarfactor* f, double* a, int nr, int nc, int col0, const double* diag0, double reg, bool last,
-                 PivotCount* pc) {
+// Dense Cholesky in place of the first nr rows of an nc-column panel
+// (column-major, leading dimension lda), with the pivot rule of the barrier:
+// a tiny pivot takes reg, or drops out when reg <= 0.
+void factorPanel(VRXbarfactor* f, double* a, int lda, int nr, int nc, int col0, const double* diag0, double reg,
+                 bool last, PivotCount* pc) {
   const int B = 64;
   const double one = 1.0, minus = -1.0;
   for (int jb = 0; jb < nc; jb += B) {
     const int bs = std::min(B, nc - jb);
     for (int j = jb; j < jb + bs; ++j) {
-      double* cj = a + static_cast<int64_t>(j) * nr;
+      double* cj = a + static_cast<int64_t>(j) * lda;
       double d = cj[j];
       const double o = std::fabs(diag0[j]);
       if (!(d > 1e-16 * o) || !(d > 0)) {
@@ -134,28 +228,28 @@ void factorPanel(VRXbarfactor* f, double* a, int nr, int nc, int col0, const dou
       for (int k = j + 1; k < jb + bs; ++k) {
         const double ak = cj[k];
         if (ak == 0) continue;
-        double* ck = a + static_cast<int64_t>(k) * nr;
+        double* ck = a + static_cast<int64_t>(k) * lda;
         for (int i = k; i < jb + bs; ++i) ck[i] -= cj[i] * ak;
       }
     }
     const int below = nr - (jb + bs);
     if (below <= 0) continue;
-    double* l11 = a + static_cast<int64_t>(jb) * nr + jb;
-    double* b21 = a + static_cast<int64_t>(jb) * nr + jb + bs;
-    dtrsm_("R", "L", "T", "N", &below, &bs, &one, l11, &nr, b21, &nr);
+    double* l11 = a + static_cast<int64_t>(jb) * lda + jb;
+    double* b21 = a + static_cast<int64_t>(jb) * lda + jb + bs;
+    dtrsm_("R", "L", "T", "N", &below, &bs, &one, l11, &lda, b21, &lda);
     for (int j = jb; j < jb + bs; ++j)
       if (f->dropped[col0 + j])
-        for (int i = jb + bs; i < nr; ++i) a[static_cast<int64_t>(j) * nr + i] = 0;
+        for (int i = jb + bs; i < nr; ++i) a[static_cast<int64_t>(j) * lda + i] = 0;
     // Trailing columns of the panel.
     const int tc = nc - (jb + bs);
     if (tc <= 0) continue;
-    double* a22 = a + static_cast<int64_t>(jb + bs) * nr + jb + bs;
-    dsyrk_("L", "N", &tc, &bs, &minus, b21, &nr, &one, a22, &nr);
+    double* a22 = a + static_cast<int64_t>(jb + bs) * lda + jb + bs;
+    dsyrk_("L", "N", &tc, &bs, &minus, b21, &lda, &one, a22, &lda);
     const int rest = nr - nc;
     if (rest > 0) {
-      double* b31 = a + static_cast<int64_t>(jb) * nr + nc;
-      double* a32 = a + static_cast<int64_t>(jb + bs) * nr + nc;
-      dgemm_("N", "T", &rest, &tc, &bs, &minus, b31, &nr, b21, &nr, &one, a32, &nr);
+      double* b31 = a + static_cast<int64_t>(jb) * lda + nc;
+      double* a32 = a + static_cast<int64_t>(jb + bs) * lda + nc;
+      dgemm_("N", "T", &rest, &tc, &bs, &minus, b31, &lda, b21, &lda, &one, a32, &lda);
     }
   }
 }
@@ -224,24 +318,40 @@ void denseCholesky(double* s, int k) {
 
 namespace {
 
-// What one thread needs to factor supernodes: its scratch and its pivot counts.
-struct FactorWork {
-  int* relMap;
-  int* relWork;
-  double* update;
-  int regularised;
-  int skipped;
-  double minPivot;
-};
+using ThreadWork = VRXbarthreadwork;
+
+// How the threads share the work of one factor. Worker 0 drives: it
+// publishes one step at a time (its kind and its count of pieces), every
+// thread takes pieces until none is left, and worker 0 waits until all are
+// done. A helper that starts late or loses its core only does less: nobody
+// waits for it to arrive.
+enum StepKind { kAssemble, kTasks, kUpdates, kSolve };
 
 struct FactorRun {
   const BarMatrix* A;
   const double* theta;
   double reg;
   VRXbarfactor* f;
-  FactorWork* work;
-  std::atomic<int> nextTask;
+  int chunks;  // of the assembly
+  // Epoch (8 bits), piece count (24 bits) and next piece (32 bits) in one
+  // word: a thread that takes a piece learns in the same step whether it
+  // belongs to the step at hand.
+  std::atomic<uint64_t> step;
+  std::atomic<int> done;
+  std::atomic<int> stop;
+  std::atomic<int> sleepers;
+  std::mutex lock;
+  std::condition_variable wake;
+  // Valid while a piece of the step is not done: its kind and the shared
+  // supernode with its update list.
+  int kind;
+  int shared;
+  int listLen;
 };
+
+uint64_t stepEpoch(uint64_t v) { return v >> 56; }
+int stepCount(uint64_t v) { return static_cast<int>((v >> 32) & kMaxPieces); }
+int stepPiece(uint64_t v) { return static_cast<int>(v & 0xFFFFFFFFu); }
 
 // Puts K on the list of the supernode its next rows belong to; inside a task,
 // a target outside the task's subtree waits in the task's deferred list.
@@ -258,90 +368,427 @@ void linkNext(VRXbarfactor* f, int K, int pos, int task) {
   head[t] = K;
 }
 
-// Assembly (when not done in one pass before), updates from the supernodes
-// below, and the dense factor of supernode s.
-void factorSupernode(FactorRun& run, FactorWork& w, int s, int task) {
-  VRXbarfactor* f = run.f;
+// Adds the pairs of entries a0..a1-1 of column k of A, each with every later
+// entry, into the panels. Entries come in factor order, so the pairs of a
+// start after a rows of the column's triangle.
+void assemblePairs(const FactorRun& run, double* v, int k, int a0, int a1) {
+  const VRXbarfactor* f = run.f;
+  const double t = run.theta[k];
+  const int* idx = f->asmIdx + f->asmBeg[k];
+  const int len = static_cast<int>(f->asmBeg[k + 1] - f->asmBeg[k]);
+  const double* av = run.A->val + run.A->colBeg[k];
+  for (int a = a0; a < len; ++a) v[a] = av[idx[a]];
+  const uint32_t* off = f->asmOff + f->asmPairBeg[k] + (int64_t(a0) * len - int64_t(a0) * (a0 - 1) / 2);
+  double* P = f->panelVal;
+  for (int a = a0; a < a1; ++a) {
+    const double ta = t * v[a];
+    for (int b = a; b < len; ++b) P[*off++] += ta * v[b];
+  }
+}
+
+bool assembled(const FactorRun& run, int k) {
+  const VRXbarfactor* f = run.f;
+  return run.theta[k] != 0 && !(f->denseCols && f->isDense[k]) && f->asmBeg[k + 1] > f->asmBeg[k];
+}
+
+// Chunk c of the assembly: its panels cleared, then its spans in column
+// order, so that every slot sees its terms in the same order however the
+// chunks are cut. One thread alone takes the whole in one chunk.
+void assembleChunk(FactorRun& run, ThreadWork& w, int c) {
+  const VRXbarfactor* f = run.f;
   const BarMatrix& A = *run.A;
-  const double* theta = run.theta;
-  const char* isDense = f->denseCols ? f->isDense : nullptr;
-  const double one = 1.0, zero = 0.0, minus = -1.0;
-  int* head = f->link;
-  int* nextK = f->link + f->superCount + 1;
-  const int c0 = f->superBeg[s], c1 = f->superBeg[s + 1], nc = c1 - c0;
-  const int64_t rb = f->superRows[s];
-  const int nr = static_cast<int>(f->superRows[s + 1] - rb);
-  double* P = f->panelVal + f->panelBeg[s];
-  int* relMap = w.relMap;
-  for (int t = 0; t < nr; ++t) relMap[f->superRowInd[rb + t]] = t;
-  if (!f->asmOff) {
-    // Row by row: the columns of A diag(theta) A' that fall into this supernode.
-    std::memset(P, 0, sizeof(double) * static_cast<size_t>(nr) * nc);
-    for (int c = c0; c < c1; ++c) {
-      const int o = f->perm[c];
-      double* col = P + static_cast<int64_t>(c - c0) * nr;
-      for (int64_t p = A.rowBeg[o]; p < A.rowBeg[o + 1]; ++p) {
-        const int k = A.rowCol[p];
-        if (isDense && isDense[k]) continue;
-        const double tk = theta[k] * A.rowVal[p];
-        if (tk == 0) continue;
-        for (int64_t q = A.colBeg[k]; q < A.colBeg[k + 1]; ++q) {
-          const int r = f->invPerm[A.rowInd[q]];
-          if (r >= c) col[relMap[r]] += tk * A.val[q];
+  if (run.chunks == 1) {
+    std::memset(f->panelVal, 0, sizeof(double) * static_cast<size_t>(f->panelBeg[f->superCount]));
+    for (int k = 0; k < A.n; ++k)
+      if (assembled(run, k)) assemblePairs(run, w.colVals, k, 0, static_cast<int>(f->asmBeg[k + 1] - f->asmBeg[k]));
+    return;
+  }
+  const int s0 = f->asmChunkSuper[c], s1 = f->asmChunkSuper[c + 1];
+  std::memset(f->panelVal + f->panelBeg[s0], 0,
+              sizeof(double) * static_cast<size_t>(f->panelBeg[s1] - f->panelBeg[s0]));
+  for (int64_t i = f->asmSpanBeg[c]; i < f->asmSpanBeg[c + 1]; ++i) {
+    const int* sp = f->asmSpan + 3 * i;
+    if (assembled(run, sp[0])) assemblePairs(run, w.colVals, sp[0], sp[1], sp[2]);
+  }
+}
+
+}  // namespace
+
+// The chunks of the assembly for several threads, made with the symbolic factor:
+// whole supernodes of about equal work (the pairs they take and the panels
+// they clear), and in each the runs of entries of every column of A that
+// fall into it.
+int barPlanAssembly(VRXenv* env, const BarMatrix& A, VRXbarfactor* f) {
+  const int ns = f->superCount;
+  const int chunks = std::max(1, std::min(ns, 4 * f->workers));
+  envFreeAll(env, f->asmChunkSuper, f->asmSpanBeg, f->asmSpan);
+  f->asmChunkSuper = f->asmSpan = nullptr;
+  f->asmSpanBeg = nullptr;
+  Scratch<double> weight(env, static_cast<size_t>(ns));
+  Scratch<int> chunkOf(env, static_cast<size_t>(ns));
+  Scratch<int64_t> fill(env, static_cast<size_t>(chunks));
+  f->asmChunkSuper = envAllocArray<int>(env, static_cast<size_t>(chunks) + 1);
+  f->asmSpanBeg = envCallocArray<int64_t>(env, static_cast<size_t>(chunks) + 1);
+  if (!weight.a || !chunkOf.a || !fill.a || !f->asmChunkSuper || !f->asmSpanBeg) return VRX_ERROR_OUT_OF_MEMORY;
+  auto superOf = [&](int k, int a) {
+    return f->colSuper[f->invPerm[A.rowInd[A.colBeg[k] + f->asmIdx[f->asmBeg[k] + a]]]];
+  };
+  for (int s = 0; s < ns; ++s) weight.a[s] = 0.25 * static_cast<double>(f->panelBeg[s + 1] - f->panelBeg[s]);
+  for (int k = 0; k < A.n; ++k) {
+    const int len = static_cast<int>(f->asmBeg[k + 1] - f->asmBeg[k]);
+    for (int a = 0; a < len; ++a) weight.a[superOf(k, a)] += len - a;
+  }
+  double total = 0;
+  for (int s = 0; s < ns; ++s) total += weight.a[s];
+  int c = 0;
+  double acc = 0;
+  f->asmChunkSuper[0] = 0;
+  for (int s = 0; s < ns; ++s) {
+    chunkOf.a[s] = c;
+    acc += weight.a[s];
+    if (c + 1 < chunks && acc >= total * (c + 1) / chunks) f->asmChunkSuper[++c] = s + 1;
+  }
+  while (c < chunks) f->asmChunkSuper[++c] = ns;
+  // Spans by chunk, counted first, then placed; in each chunk in column order.
+  for (int pass = 0; pass < 2; ++pass) {
+    if (pass == 1) {
+      for (int i = 0; i < chunks; ++i) f->asmSpanBeg[i + 1] += f->asmSpanBeg[i];
+      for (int i = 0; i < chunks; ++i) fill.a[i] = f->asmSpanBeg[i];
+      f->asmSpan = envAllocArray<int>(env, 3 * static_cast<size_t>(f->asmSpanBeg[chunks]) + 1);
+      if (!f->asmSpan) return VRX_ERROR_OUT_OF_MEMORY;
+    }
+    for (int k = 0; k < A.n; ++k) {
+      const int len = static_cast<int>(f->asmBeg[k + 1] - f->asmBeg[k]);
+      for (int a = 0; a < len;) {
+        const int ch = chunkOf.a[superOf(k, a)];
+        int e = a + 1;
+        while (e < len && chunkOf.a[superOf(k, e)] == ch) ++e;
+        if (pass == 0) {
+          f->asmSpanBeg[ch + 1]++;
+        } else {
+          int* sp = f->asmSpan + 3 * fill.a[ch]++;
+          sp[0] = k;
+          sp[1] = a;
+          sp[2] = e;
         }
+        a = e;
       }
     }
   }
+  f->asmChunks = chunks;
+  return 0;
+}
+
+namespace {
+
+// Row by row: the columns of A diag(theta) A' that fall into supernode s, when
+// the assembly was not done in one pass before. relMap holds s's local rows.
+void assembleSupernode(const FactorRun& run, const int* relMap, int s) {
+  const VRXbarfactor* f = run.f;
+  const BarMatrix& A = *run.A;
+  const char* isDense = f->denseCols ? f->isDense : nullptr;
+  const int c0 = f->superBeg[s], c1 = f->superBeg[s + 1];
+  const int nr = static_cast<int>(f->superRows[s + 1] - f->superRows[s]);
+  double* P = f->panelVal + f->panelBeg[s];
+  std::memset(P, 0, sizeof(double) * static_cast<size_t>(nr) * (c1 - c0));
+  for (int c = c0; c < c1; ++c) {
+    const int o = f->perm[c];
+    double* col = P + static_cast<int64_t>(c - c0) * nr;
+    for (int64_t p = A.rowBeg[o]; p < A.rowBeg[o + 1]; ++p) {
+      const int k = A.rowCol[p];
+      if (isDense && isDense[k]) continue;
+      const double tk = run.theta[k] * A.rowVal[p];
+      if (tk == 0) continue;
+      for (int64_t q = A.colBeg[k]; q < A.colBeg[k + 1]; ++q) {
+        const int r = f->invPerm[A.rowInd[q]];
+        if (r >= c) col[relMap[r]] += tk * A.val[q];
+      }
+    }
+  }
+}
+
+// Local rows, the assembly when not done before, and the original diagonal of
+// supernode s, ahead of its updates.
+void prepareSupernode(const FactorRun& run, int* relMap, int s) {
+  VRXbarfactor* f = run.f;
+  const int c0 = f->superBeg[s], c1 = f->superBeg[s + 1];
+  const int64_t rb = f->superRows[s];
+  const int nr = static_cast<int>(f->superRows[s + 1] - rb);
+  for (int t = 0; t < nr; ++t) relMap[f->superRowInd[rb + t]] = t;
+  if (!f->asmOff) assembleSupernode(run, relMap, s);
+  const double* P = f->panelVal + f->panelBeg[s];
   for (int c = c0; c < c1; ++c) f->diag0[c] = P[static_cast<int64_t>(c - c0) * nr + (c - c0)];
-  // Updates from the supernodes below, each through one dgemm: straight into
-  // the panel when the rows and columns it touches are contiguous there.
+}
+
+// End of the rows of K that fall into the columns of s, from K's next row p1.
+int updateEnd(const VRXbarfactor* f, int K, int p1, int s) {
+  const int64_t kb = f->superRows[K];
+  const int nrK = static_cast<int>(f->superRows[K + 1] - kb);
+  const int c1 = f->superBeg[s + 1];
+  int p2 = p1;
+  while (p2 < nrK && f->superRowInd[kb + p2] < c1) ++p2;
+  return p2;
+}
+
+// The update of supernode K into the panel of s over K's rows p1 + [lo, hi)
+// and its columns p1..p2, through one dgemm: straight into the panel when the
+// rows and columns it touches are contiguous there.
+void applyUpdate(VRXbarfactor* f, const int* relMap, ThreadWork& w, int s, int K, int p1, int p2, int lo, int hi) {
+  const double one = 1.0, zero = 0.0, minus = -1.0;
+  const int c0 = f->superBeg[s];
+  const int nr = static_cast<int>(f->superRows[s + 1] - f->superRows[s]);
+  double* P = f->panelVal + f->panelBeg[s];
+  const int64_t kb = f->superRows[K];
+  const int nrK = static_cast<int>(f->superRows[K + 1] - kb);
+  const int ncK = f->superBeg[K + 1] - f->superBeg[K];
+  const int n1 = p2 - p1, mb = hi - lo;
+  const double* LK = f->panelVal + f->panelBeg[K];
+  const int* rows = f->superRowInd + kb + p1;
+  int* rel = w.relWork;
+  for (int ii = 0; ii < mb; ++ii) rel[ii] = relMap[rows[lo + ii]];
+  if (rows[n1 - 1] - rows[0] == n1 - 1 && rel[mb - 1] - rel[0] == mb - 1) {
+    double* C = P + static_cast<int64_t>(rows[0] - c0) * nr + rel[0];
+    dgemm_("N", "T", &mb, &n1, &ncK, &minus, LK + p1 + lo, &nrK, LK + p1, &nrK, &one, C, &nr);
+    return;
+  }
+  double* C = w.update;
+  dgemm_("N", "T", &mb, &n1, &ncK, &one, LK + p1 + lo, &nrK, LK + p1, &nrK, &zero, C, &mb);
+  for (int jj = 0; jj < n1; ++jj) {
+    double* col = P + static_cast<int64_t>(rows[jj] - c0) * nr;
+    const double* cc = C + static_cast<int64_t>(jj) * mb;
+    for (int ii = std::max(jj - lo, 0); ii < mb; ++ii) col[rel[ii]] -= cc[ii];
+  }
+}
+
+void addPivots(ThreadWork& w, const PivotCount& pc) {
+  w.regularised += pc.regularised;
+  w.skipped += pc.skipped;
+  w.minPivot = pc.minPivot;
+}
+
+// Supernode s on one thread: updates from the supernodes below, then the dense factor.
+void factorSupernode(FactorRun& run, ThreadWork& w, int s, int task) {
+  VRXbarfactor* f = run.f;
+  int* head = f->link;
+  const int* nextK = f->link + f->superCount + 1;
+  const int nc = f->superBeg[s + 1] - f->superBeg[s];
+  const int nr = static_cast<int>(f->superRows[s + 1] - f->superRows[s]);
+  prepareSupernode(run, w.relMap, s);
   int K = head[s];
   head[s] = -1;
   while (K >= 0) {
     const int nextInList = nextK[K];
-    const int64_t kb = f->superRows[K];
-    const int nrK = static_cast<int>(f->superRows[K + 1] - kb);
-    const int ncK = f->superBeg[K + 1] - f->superBeg[K];
+    const int nrK = static_cast<int>(f->superRows[K + 1] - f->superRows[K]);
     const int p1 = static_cast<int>(f->linkPos[K]);
-    int p2 = p1;
-    while (p2 < nrK && f->superRowInd[kb + p2] < c1) ++p2;
-    const int m1 = nrK - p1, n1 = p2 - p1;
-    const double* LK = f->panelVal + f->panelBeg[K];
-    const int* rows = f->superRowInd + kb + p1;
-    int* rel = w.relWork;
-    for (int ii = 0; ii < m1; ++ii) rel[ii] = relMap[rows[ii]];
-    if (rows[n1 - 1] - rows[0] == n1 - 1 && rel[m1 - 1] - rel[0] == m1 - 1) {
-      double* C = P + static_cast<int64_t>(rows[0] - c0) * nr + rel[0];
-      dgemm_("N", "T", &m1, &n1, &ncK, &minus, LK + p1, &nrK, LK + p1, &nrK, &one, C, &nr);
-    } else {
-      double* C = w.update;
-      dgemm_("N", "T", &m1, &n1, &ncK, &one, LK + p1, &nrK, LK + p1, &nrK, &zero, C, &m1);
-      for (int jj = 0; jj < n1; ++jj) {
-        double* col = P + static_cast<int64_t>(rows[jj] - c0) * nr;
-        const double* cc = C + static_cast<int64_t>(jj) * m1;
-        for (int ii = jj; ii < m1; ++ii) col[rel[ii]] -= cc[ii];
-      }
-    }
+    const int p2 = updateEnd(f, K, p1, s);
+    applyUpdate(f, w.relMap, w, s, K, p1, p2, 0, nrK - p1);
     if (p2 < nrK) linkNext(f, K, p2, task);
     K = nextInList;
   }
   PivotCount pc{0, 0, w.minPivot};
-  factorPanel(f, P, nr, nc, c0, f->diag0 + c0, run.reg, s == f->superCount - 1, &pc);
-  w.regularised += pc.regularised;
-  w.skipped += pc.skipped;
-  w.minPivot = pc.minPivot;
+  factorPanel(f, f->panelVal + f->panelBeg[s], nr, nr, nc, f->superBeg[s], f->diag0 + f->superBeg[s], run.reg,
+              s == f->superCount - 1, &pc);
+  addPivots(w, pc);
   if (nr > nc) linkNext(f, s, nc, task);
 }
 
-void factorTasks(void* arg, int worker) {
-  auto* run = static_cast<FactorRun*>(arg);
-  VRXbarfactor* f = run->f;
-  while (true) {
-    const int t = run->nextTask.fetch_add(1);
-    if (t >= f->taskCount) return;
-    f->deferredCount[t] = 0;
-    for (int s = f->taskBeg[t]; s < f->taskBeg[t] + f->taskLen[t]; ++s) factorSupernode(*run, run->work[worker], s, t);
+// Rows [lo, hi) of block b of nb over rows [from, nr) of a panel.
+inline void blockRows(int from, int nr, int b, int nb, int* lo, int* hi) {
+  const int64_t span = nr - from;
+  *lo = from + static_cast<int>(span * b / nb);
+  *hi = from + static_cast<int>(span * (b + 1) / nb);
+}
+
+// Block b of step one on a shared supernode: every update of the list, in
+// list order, on the block's rows of the panel.
+void sharedUpdates(FactorRun& run, ThreadWork& w, int b) {
+  VRXbarfactor* f = run.f;
+  const int s = run.shared, nb = f->teamBlocks[s];
+  const int64_t rb = f->superRows[s];
+  const int nr = static_cast<int>(f->superRows[s + 1] - rb);
+  int r0, r1;
+  blockRows(0, nr, b, nb, &r0, &r1);
+  const int first = f->superRowInd[rb + r0];
+  const int last = f->superRowInd[rb + r1 - 1];
+  for (int i = 0; i < run.listLen; ++i) {
+    const int K = f->updList[2 * i], p2 = f->updList[2 * i + 1];
+    const int p1 = static_cast<int>(f->linkPos[K]);
+    const int* rows = f->superRowInd + f->superRows[K] + p1;
+    const int m1 = static_cast<int>(f->superRows[K + 1] - f->superRows[K]) - p1;
+    if (rows[0] > last || rows[m1 - 1] < first) continue;
+    // K's rows are among the panel's, so the cut at panel row r lies within
+    // the panel rows K lacks: a short search when K covers most of them.
+    const int gap = nr - m1;
+    const int lo = static_cast<int>(
+        std::lower_bound(rows + std::max(0, r0 - gap), rows + std::min(r0, m1), first) - rows);
+    const int hi = static_cast<int>(
+        std::upper_bound(rows + std::max(lo, r1 - gap), rows + std::min(r1, m1), last) - rows);
+    if (lo < hi) applyUpdate(f, f->relMap, w, s, K, p1, p2, lo, hi);
   }
+}
+
+// Row blocks of step three: the rows below the diagonal block.
+int solveBlocks(const VRXbarfactor* f, int s) {
+  const int nc = f->superBeg[s + 1] - f->superBeg[s];
+  const int nr = static_cast<int>(f->superRows[s + 1] - f->superRows[s]);
+  return nr > nc ? std::min(f->teamBlocks[s], std::max(1, static_cast<int>((nr - nc) / kBlockRows))) : 0;
+}
+
+// Block b of step three: rows below the diagonal block through the triangular
+// solve with the factored block; dropped pivots empty their columns.
+void sharedSolve(FactorRun& run, int b) {
+  VRXbarfactor* f = run.f;
+  const int s = run.shared;
+  const int c0 = f->superBeg[s], nc = f->superBeg[s + 1] - c0;
+  const int nr = static_cast<int>(f->superRows[s + 1] - f->superRows[s]);
+  double* P = f->panelVal + f->panelBeg[s];
+  const double one = 1.0;
+  int r0, r1;
+  blockRows(nc, nr, b, solveBlocks(f, s), &r0, &r1);
+  const int m = r1 - r0;
+  dtrsm_("R", "L", "T", "N", &m, &nc, &one, P, &nr, P + r0, &nr);
+  for (int j = 0; j < nc; ++j)
+    if (f->dropped[c0 + j]) std::fill(P + int64_t(j) * nr + r0, P + int64_t(j) * nr + r1, 0.0);
+}
+
+// Piece `piece` of the step at hand.
+void runPiece(FactorRun& run, ThreadWork& w, int piece) {
+  VRXbarfactor* f = run.f;
+  switch (run.kind) {
+    case kAssemble:
+      assembleChunk(run, w, piece);
+      break;
+    case kTasks: {
+      const int t = f->taskOrder[piece];
+      f->deferredCount[t] = 0;
+      for (int s = f->taskBeg[t]; s < f->taskBeg[t] + f->taskLen[t]; ++s) factorSupernode(run, w, s, t);
+      break;
+    }
+    case kUpdates:
+      sharedUpdates(run, w, piece);
+      break;
+    default:
+      sharedSolve(run, piece);
+  }
+}
+
+// Takes pieces until the step at hand has none left; returns its epoch.
+uint64_t takePieces(FactorRun& run, ThreadWork& w) {
+  while (true) {
+    const uint64_t v = run.step.fetch_add(1);
+    if (stepPiece(v) >= stepCount(v)) return stepEpoch(v);
+    runPiece(run, w, stepPiece(v));
+    run.done.fetch_add(1);
+  }
+}
+
+// Worker 0: a step of `count` pieces of one kind, shared and waited for.
+void runStep(FactorRun& run, ThreadWork& w, int kind, int count) {
+  if (count <= 0) return;
+  run.kind = kind;
+  run.done.store(0);
+  const uint64_t epoch = (stepEpoch(run.step.load()) + 1) & 0xFF;
+  run.step.store(epoch << 56 | static_cast<uint64_t>(count) << 32);
+  // A helper counts itself asleep before it looks at the step, so one of the
+  // two sides sees the other.
+  if (run.sleepers.load() > 0) {
+    std::lock_guard<std::mutex> hold(run.lock);
+    run.wake.notify_all();
+  }
+  takePieces(run, w);
+  while (run.done.load() < count) std::this_thread::yield();
+}
+
+// Helpers: wait for a new step, take its pieces, until worker 0 stops them.
+// The wait spins a little, then yields for up to half a millisecond, the
+// usual gap between steps, then sleeps.
+void helpFactor(FactorRun& run, ThreadWork& w) {
+  uint64_t seen = 0;
+  while (true) {
+    int spin = 0;
+    double since = 0;
+    while (!run.stop.load() && stepEpoch(run.step.load()) == seen) {
+      if (++spin < 64) continue;
+      if (since == 0) since = wallClock();
+      if (wallClock() - since < 5e-4) {
+        std::this_thread::yield();
+        continue;
+      }
+      std::unique_lock<std::mutex> hold(run.lock);
+      run.sleepers.fetch_add(1);
+      run.wake.wait(hold, [&] { return run.stop.load() || stepEpoch(run.step.load()) != seen; });
+      run.sleepers.fetch_sub(1);
+    }
+    if (run.stop.load()) return;
+    seen = takePieces(run, w);
+  }
+}
+
+// The top of the tree on worker 0, in order: a supernode with row blocks is
+// shared in three steps (updates, diagonal block, rows below), the diagonal
+// block here alone; the rest are factored here alone.
+void factorTop(FactorRun& run, ThreadWork& w) {
+  VRXbarfactor* f = run.f;
+  const int ns = f->superCount;
+  int* head = f->link;
+  const int* nextK = f->link + ns + 1;
+  int task = 0;
+  for (int s = skipTasks(f, 0, &task); s < ns; s = skipTasks(f, s + 1, &task)) {
+    if (!f->teamBlocks || f->teamBlocks[s] == 0) {
+      factorSupernode(run, w, s, -1);
+      continue;
+    }
+    const int c0 = f->superBeg[s], nc = f->superBeg[s + 1] - c0;
+    const int nr = static_cast<int>(f->superRows[s + 1] - f->superRows[s]);
+    prepareSupernode(run, f->relMap, s);
+    int len = 0;
+    for (int K = head[s]; K >= 0; K = nextK[K], ++len) {
+      f->updList[2 * len] = K;
+      f->updList[2 * len + 1] = updateEnd(f, K, static_cast<int>(f->linkPos[K]), s);
+    }
+    head[s] = -1;
+    run.shared = s;
+    run.listLen = len;
+    runStep(run, w, kUpdates, f->teamBlocks[s]);
+    for (int i = 0; i < len; ++i) {
+      const int K = f->updList[2 * i], p2 = f->updList[2 * i + 1];
+      if (p2 < f->superRows[K + 1] - f->superRows[K]) linkNext(f, K, p2, -1);
+    }
+    PivotCount pc{0, 0, w.minPivot};
+    factorPanel(f, f->panelVal + f->panelBeg[s], nr, nc, nc, c0, f->diag0 + c0, run.reg, s == ns - 1, &pc);
+    addPivots(w, pc);
+    runStep(run, w, kSolve, solveBlocks(f, s));
+    if (nr > nc) linkNext(f, s, nc, -1);
+  }
+}
+
+// One thread of the numeric factor. Worker 0 runs the steps in order: the
+// assembly, the subtree tasks, the top of the tree; the others help.
+void factorThread(void* arg, int worker) {
+  auto& run = *static_cast<FactorRun*>(arg);
+  VRXbarfactor* f = run.f;
+  ThreadWork& w = f->threadWork[worker];
+  if (worker > 0) {
+    helpFactor(run, w);
+    return;
+  }
+  if (f->asmOff) runStep(run, w, kAssemble, run.chunks);
+  runStep(run, w, kTasks, f->taskCount);
+  // The links leaving the subtrees join in task order, whoever ran them.
+  int* head = f->link;
+  int* nextK = f->link + f->superCount + 1;
+  for (int t = 0; t < f->taskCount; ++t) {
+    for (int i = 0; i < f->deferredCount[t]; ++i) {
+      const int K = f->deferred[f->taskBeg[t] + i];
+      const int tgt = f->colSuper[f->superRowInd[f->superRows[K] + f->linkPos[K]]];
+      nextK[K] = head[tgt];
+      head[tgt] = K;
+    }
+  }
+  factorTop(run, w);
+  run.stop.store(1);
+  std::lock_guard<std::mutex> hold(run.lock);
+  run.wake.notify_all();
 }
 
 }  // namespace
@@ -352,75 +799,48 @@ int VRXbarFactorize(VRXenv* env, const BarMatrix& A, const double* theta, double
   f->regularised = 0;
   f->minPivot = 1e300;
   std::memset(f->dropped, 0, static_cast<size_t>(n) + 1);
-  int* head = f->link;
-  std::fill(head, head + ns, -1);
-  const char* isDense = f->denseCols ? f->isDense : nullptr;
-  if (f->asmOff) {
-    std::memset(f->panelVal, 0, sizeof(double) * static_cast<size_t>(f->panelBeg[ns]));
-    double* v = f->solveWork;
-    double* P = f->panelVal;
-    for (int k = 0; k < A.n; ++k) {
-      const double t = theta[k];
-      if (t == 0 || (isDense && isDense[k])) continue;
-      const int* idx = f->asmIdx + f->asmBeg[k];
-      const int len = static_cast<int>(f->asmBeg[k + 1] - f->asmBeg[k]);
-      const double* av = A.val + A.colBeg[k];
-      for (int a = 0; a < len; ++a) v[a] = av[idx[a]];
-      const uint32_t* off = f->asmOff + f->asmPairBeg[k];
-      for (int a = 0; a < len; ++a) {
-        const double ta = t * v[a];
-        for (int b = a; b < len; ++b) P[*off++] += ta * v[b];
-      }
-    }
-  }
-  const int workers = std::max(1, f->workers);
-  Scratch<FactorWork> work(env, static_cast<size_t>(workers));
-  if (!work.a) return VRX_ERROR_OUT_OF_MEMORY;
+  std::fill(f->link, f->link + ns, -1);
+  const int workers = std::max(1, std::min(f->workers, f->helperSlots + 1));
   const size_t relLen = static_cast<size_t>(n) + static_cast<size_t>(f->maxRows) + 1;
   for (int w = 0; w < workers; ++w) {
-    FactorWork& fw = work.a[w];
+    ThreadWork& fw = f->threadWork[w];
     if (w == 0) {
       fw.relMap = f->relMap;
       fw.relWork = f->relWork;
       fw.update = f->update;
+      fw.colVals = f->solveWork;
     } else {
       fw.relMap = f->workRel + (w - 1) * relLen;
       fw.relWork = fw.relMap + n + 1;
       fw.update = f->workUpdate + (w - 1) * static_cast<size_t>(f->updateSize + 1);
+      fw.colVals = f->workCol + (w - 1) * (static_cast<size_t>(n) + 1);
     }
     fw.regularised = fw.skipped = 0;
     fw.minPivot = 1e300;
   }
-  FactorRun run{&A, theta, reg, f, work.a, {0}};
-  if (f->taskCount > 0) {
-    // Subtrees first, in any order and on any thread: each touches only its
-    // own panels and lists. Their links upward then join in task order.
-    int rc = barRunWorkers(env, std::min(workers, f->taskCount), factorTasks, &run);
-    if (rc) return rc;
-    int* nextK = f->link + ns + 1;
-    for (int t = 0; t < f->taskCount; ++t) {
-      for (int i = 0; i < f->deferredCount[t]; ++i) {
-        const int K = f->deferred[f->taskBeg[t] + i];
-        const int tgt = f->colSuper[f->superRowInd[f->superRows[K] + f->linkPos[K]]];
-        nextK[K] = head[tgt];
-        head[tgt] = K;
-      }
+  FactorRun run;
+  run.A = &A;
+  run.theta = theta;
+  run.reg = reg;
+  run.f = f;
+  run.chunks = 1;
+  if (f->asmOff && workers > 1) {
+    if (!f->asmSpan) {
+      const int rc = barPlanAssembly(env, A, f);
+      if (rc) return rc;
     }
+    run.chunks = f->asmChunks;
   }
-  // The top of the tree, in order; a supernode inside a task is skipped.
-  int task = 0;
-  for (int s = 0; s < ns; ++s) {
-    if (task < f->taskCount && s == f->taskBeg[task]) {
-      s += f->taskLen[task] - 1;
-      ++task;
-      continue;
-    }
-    factorSupernode(run, work.a[0], s, -1);
-  }
+  run.step.store(0);
+  run.done.store(0);
+  run.stop.store(0);
+  run.sleepers.store(0);
+  int rc = barRunWorkers(env, workers, factorThread, &run);
+  if (rc) return rc;
   for (int w = 0; w < workers; ++w) {
-    f->regularised += work.a[w].regularised;
-    f->skipPivotCount += work.a[w].skipped;
-    f->minPivot = std::min(f->minPivot, work.a[w].minPivot);
+    f->regularised += f->threadWork[w].regularised;
+    f->skipPivotCount += f->threadWork[w].skipped;
+    f->minPivot = std::min(f->minPivot, f->threadWork[w].minPivot);
   }
   if (f->minPivot == 1e300) f->minPivot = 0;
   // Schur complement of the dense columns: S = I + V' M^-1 V with V = A_d theta_d^(1/2).

@@ -107,6 +107,23 @@ struct VRXbarfactor {
   // -- ordering and symbolic factor: further fields below this line --
   int ndFull;  // dissection copy 0 ordered the full pattern, dense columns kept sparse
   // -- numeric factor: further fields below this line --
+  int helperSlots;    // helpers whose buffers workRel, workUpdate and workCol hold
+  int* taskOrder;     // taskCount: tasks by decreasing flops, the order threads take them in
+  // superCount: row blocks of a supernode above the tasks that all threads
+  // share, 0 when one thread factors it. Fixed by the symbolic factor, so the
+  // same blocks run in the same order whatever the number of workers; a factor
+  // planned for one thread has none.
+  int* teamBlocks;
+  int* updList;       // 2 x superCount: supernodes updating the shared one, and where their rows end
+  double* workCol;    // helpers x (n + 1): one column of A in the assembly
+  struct VRXbarthreadwork* threadWork;  // workers: buffers and pivot counts of each thread
+  // Chunks of the assembly for several threads, made with the symbolic factor:
+  // supernode ranges (asmChunks + 1 bounds) and their runs of entries of the
+  // columns of A, three ints each (column, first, end), from asmSpanBeg.
+  int asmChunks;
+  int* asmChunkSuper;
+  int64_t* asmSpanBeg;
+  int* asmSpan;
 };
 
 namespace vrx {

@@ -374,7 +374,9 @@ int VRXbarSymbolic(VRXenv* env, const BarMatrix& A, VRXbarfactor* f) {
   if (!f->relWork || !f->diag0) return VRX_ERROR_OUT_OF_MEMORY;
   rc = barBuildTasks(env, f);
   if (rc) return rc;
-  return buildAssembly(env, A, f);
+  rc = buildAssembly(env, A, f);
+  if (rc || !f->asmOff || f->workers < 2) return rc;
+  return barPlanAssembly(env, A, f);
 }
 
 }  // namespace vrx

@@ -30,6 +30,8 @@ void barFreeNumeric(VRXenv* env, VRXbarfactor* f);
 double supernodeOps(double k, double r);
 // Thread tasks of the numeric factor, from the supernodes.
 int barBuildTasks(VRXenv* env, VRXbarfactor* f);
+// Chunks of the assembly of A diag(theta) A' for several threads (needs the pair map).
+int barPlanAssembly(VRXenv* env, const BarMatrix& A, VRXbarfactor* f);
 
 // Runs fn(arg, w) for w = 0..workers-1, worker 0 on the caller's thread, and
 // waits for all. Workers must share out their work through arg. 0 or 10001.

@@ -10,6 +10,7 @@
 #include "barrier/barfactor.h"
 #include "barrier/barwork.h"
 #include "vornix_c.h"
+#include "../support/barfactor.h"
 #include "../support/quiet_env.h"
 
 namespace {
@@ -17,42 +18,7 @@ namespace {
 using Env = vrxtest::QuietEnv;
 
 // A sparse m x n matrix kept in both orientations.
-struct Sparse {
-  int m = 0, n = 0;
-  std::vector<int64_t> colBeg, rowBeg;
-  std::vector<int> rowInd, rowCol;
-  std::vector<double> val, rowVal;
-  std::vector<std::vector<std::pair<int, double>>> cols;
-
-  void finish() {
-    n = static_cast<int>(cols.size());
-    colBeg.assign(1, 0);
-    rowInd.clear();
-    val.clear();
-    for (auto& c : cols) {
-      std::sort(c.begin(), c.end());
-      for (auto& e : c) {
-        rowInd.push_back(e.first);
-        val.push_back(e.second);
-      }
-      colBeg.push_back(static_cast<int64_t>(rowInd.size()));
-    }
-    rowBeg.assign(m + 1, 0);
-    for (int i : rowInd) rowBeg[i + 1]++;
-    for (int i = 0; i < m; ++i) rowBeg[i + 1] += rowBeg[i];
-    rowCol.assign(rowInd.size(), 0);
-    rowVal.assign(rowInd.size(), 0);
-    std::vector<int64_t> fill(rowBeg.begin(), rowBeg.end() - 1);
-    for (int j = 0; j < n; ++j)
-      for (int64_t p = colBeg[j]; p < colBeg[j + 1]; ++p) {
-        int64_t q = fill[rowInd[p]]++;
-        rowCol[q] = j;
-        rowVal[q] = val[p];
-      }
-  }
-  vrx::BarMatrix view() const {
-    return vrx::BarMatrix{m, n, colBeg.data(), rowInd.data(), val.data(), rowBeg.data(), rowCol.data(), rowVal.data()};
-  }
+struct Sparse : vrxtest::ColumnMatrix {
   // The dense A diag(theta) A'.
   std::vector<double> product(const std::vector<double>& theta) const {
     std::vector<double> M(static_cast<size_t>(m) * m, 0.0);
@@ -117,21 +83,8 @@ std::vector<double> denseSolve(std::vector<double> M, std::vector<double> b) {
   return x;
 }
 
-struct Factor {
-  VRXenv* env;
-  VRXbarfactor f{};
-  explicit Factor(VRXenv* e) : env(e) {}
-  ~Factor() { vrx::barFactorFree(env, &f); }
-};
-
-double maxRelDiff(const std::vector<double>& a, const std::vector<double>& b) {
-  double d = 0, s = 1e-300;
-  for (size_t i = 0; i < a.size(); ++i) {
-    d = std::max(d, std::fabs(a[i] - b[i]));
-    s = std::max(s, std::fabs(b[i]));
-  }
-  return d / s;
-}
+using Factor = vrxtest::BarFactorHolder;
+using vrxtest::maxRelDiff;
 
 // Sizes from one row to a few hundred, sparse and with wide supernodes, with
 // theta spread over many orders of magnitude as late in a barrier run.

@@ -8,6 +8,7 @@
 #include "barrier/barfactor.h"
 #include "barrier/barwork.h"
 #include "vornix_c.h"
+#include "../support/barfactor.h"
 #include "../support/hooks.h"
 #include "../support/quiet_env.h"
 
@@ -15,66 +16,35 @@ namespace {
 
 using Columns = std::vector<std::vector<std::pair<int, double>>>;
 
-struct Grid {
-  int m = 0, n = 0;
-  std::vector<int64_t> colBeg, rowBeg;
-  std::vector<int> rowInd, rowCol;
-  std::vector<double> val, rowVal;
+struct Grid : vrxtest::ColumnMatrix {
   // Rows are the nodes of a g x h (x d) grid, columns its edges plus a unit
   // column per node, then the extra columns.
   Grid(int g, int h, int d = 1, const Columns& extra = {}) {
-    Columns cols;
+    Columns edges;
     for (int l = 0; l < d; ++l)
       for (int r = 0; r < g; ++r)
         for (int c = 0; c < h; ++c) {
           const int v = (l * g + r) * h + c;
-          cols.push_back({{v, 1.0}});
-          if (c + 1 < h) cols.push_back({{v, 1.0}, {v + 1, -1.0}});
-          if (r + 1 < g) cols.push_back({{v, 1.0}, {v + h, -1.0}});
-          if (l + 1 < d) cols.push_back({{v, 1.0}, {v + g * h, -1.0}});
+          edges.push_back({{v, 1.0}});
+          if (c + 1 < h) edges.push_back({{v, 1.0}, {v + 1, -1.0}});
+          if (r + 1 < g) edges.push_back({{v, 1.0}, {v + h, -1.0}});
+          if (l + 1 < d) edges.push_back({{v, 1.0}, {v + g * h, -1.0}});
         }
-    cols.insert(cols.end(), extra.begin(), extra.end());
-    build(g * h * d, cols);
+    edges.insert(edges.end(), extra.begin(), extra.end());
+    build(g * h * d, edges);
   }
   // Any m-row matrix given by its columns.
-  Grid(int rows, const Columns& cols) { build(rows, cols); }
-  void build(int rows, const Columns& cols) {
+  Grid(int rows, const Columns& given) { build(rows, given); }
+  void build(int rows, const Columns& given) {
     m = rows;
-    n = static_cast<int>(cols.size());
-    colBeg.push_back(0);
-    for (auto& col : cols) {
-      for (auto& e : col) {
-        rowInd.push_back(e.first);
-        val.push_back(e.second);
-      }
-      colBeg.push_back(static_cast<int64_t>(rowInd.size()));
-    }
-    rowBeg.assign(m + 1, 0);
-    for (int i : rowInd) rowBeg[i + 1]++;
-    for (int i = 0; i < m; ++i) rowBeg[i + 1] += rowBeg[i];
-    rowCol.resize(rowInd.size());
-    rowVal.resize(rowInd.size());
-    std::vector<int64_t> fill(rowBeg.begin(), rowBeg.end() - 1);
-    for (int j = 0; j < n; ++j)
-      for (int64_t p = colBeg[j]; p < colBeg[j + 1]; ++p) {
-        const int64_t q = fill[rowInd[p]]++;
-        rowCol[q] = j;
-        rowVal[q] = val[p];
-      }
-  }
-  vrx::BarMatrix view() const {
-    return vrx::BarMatrix{m, n, colBeg.data(), rowInd.data(), val.data(), rowBeg.data(), rowCol.data(), rowVal.data()};
+    cols = given;
+    finish();
   }
 };
 
 using Env = vrxtest::QuietEnv;
 
-struct Factor {
-  VRXenv* env;
-  VRXbarfactor f{};
-  explicit Factor(VRXenv* e) : env(e) {}
-  ~Factor() { vrx::barFactorFree(env, &f); }
-};
+using Factor = vrxtest::BarFactorHolder;
 
 // Largest |rhs - A theta A' x| after a factor and solve on the order in F.
 double solveResidual(VRXenv* env, const Grid& G, Factor& F) {
