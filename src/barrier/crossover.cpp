@@ -220,6 +220,11 @@ int restoreStart(State& st) {
   return rc;
 }
 
+// Push pivots below this share of the largest entry of their row or column wait for a
+// fresh factor; the restart, which follows lost accuracy, asks for more.
+constexpr double kPushPivot = 1e-3;
+constexpr double kRestartPivot = 1e-2;
+
 template <class T>
 int crossRun(State& st, bool firstPrimal) {
   VRXlp* lp = st.lp;
@@ -231,6 +236,8 @@ int crossRun(State& st, bool firstPrimal) {
     st.status = 1;
     st.pushFailed = 0;
     st.hugeDual = 0;
+    // Drift fails only an attempt that a restart can follow.
+    st.driftCheck = attempt == 0 && par.VORN_PAR_RECROSSOVER;
     if ((rc = pushPhases<T>(st, firstPrimal))) return rc;
     if (st.status != 1 || !st.pushFailed) break;
     if (attempt > 0 || !par.VORN_PAR_RECROSSOVER) {
@@ -239,6 +246,7 @@ int crossRun(State& st, bool firstPrimal) {
       break;
     }
     lp->markowitzTol = std::max(lp->markowitzTol, 0.9);
+    st.relPivot = kRestartPivot;
     VRXcrossLog(lp, kLogRestart, 0, 0, 0, *st.clock);
     if (st.hugeDual > 1e30) {
       st.pivotCheck = 0.3;
@@ -430,6 +438,7 @@ int crossoverOn(VRXmodel* model, const VRXbarsol* sol, int mode, Clock& clock, b
   st.setting = par.Crossover;
   st.basisKind = par.CrossoverBasis;
   st.pivotCheck = 0.1;
+  st.relPivot = kPushPivot;
   st.list.model = model;
   st.list.lp = lp;
   st.lastLogTime = clockElapsed(clock);

@@ -16,6 +16,12 @@ namespace {
 constexpr double kWeakPivot = 1e-3;
 // Factorizations of the LU pass before it gives way to the triangular one.
 constexpr int kLURounds = 10;
+// Estimated |B^-1|_1 above which the start basis is repaired, and the number of columns
+// the repair may replace: kRepairMin and one in kRepairShare rows, kRepairMax at most.
+constexpr double kCondLimit = 1e5;
+constexpr int kRepairMin = 10;
+constexpr int kRepairShare = 50;
+constexpr int kRepairMax = 100;
 
 // Largest |entry| of variable j's column (1 for a slack).
 double columnMax(const VRXlp* lp, int j) {
@@ -31,6 +37,98 @@ double boundDistance(const VRXlp* lp, int j, double x) {
   const double a = lo > -lp->infBound ? x - lo : kInf;
   const double b = up < lp->infBound ? up - x : kInf;
   return std::min(a, b);
+}
+
+// Hager's estimate of |B^-1|_1 from the factor f, in a few solves with B and B'. *worst
+// is the basis position of the largest entry of the largest column of B^-1 found: the
+// column caught deepest in the near dependency. x and z are zero on entry and on return.
+// Returns the estimate, or -1 when a solve fails.
+double inverseNormEstimate(VRXfactor* f, VRXsvec* x, VRXsvec* z, int* worst, double* work) {
+  const int m = f->m;
+  for (int i = 0; i < m; i++) x->value[i] = 1.0 / m;
+  x->count = -1;
+  double est = 0;
+  int unit = -1;
+  *worst = -1;
+  for (int step = 0; step < 5; step++) {
+    if (VRXftran<double>(f, x, x, 0, 0, work)) {
+      est = -1;
+      break;
+    }
+    double norm = 0, big = -1;
+    int at = -1;
+    for (int p = 0; p < m; p++) {
+      const double a = std::fabs(x->value[p]);
+      norm += a;
+      if (a > big) {
+        big = a;
+        at = p;
+      }
+    }
+    if (norm <= est) break;
+    est = norm;
+    *worst = at;
+    for (int p = 0; p < m; p++) z->value[p] = x->value[p] >= 0 ? 1.0 : -1.0;
+    z->count = -1;
+    svecClear(x, m);
+    if (VRXbtran<double>(f, z, z, 0, work)) {
+      est = -1;
+      break;
+    }
+    int j = 0;
+    double zs = 0;
+    for (int i = 0; i < m; i++) {
+      zs += z->value[i];
+      if (std::fabs(z->value[i]) > std::fabs(z->value[j])) j = i;
+    }
+    // No unit vector promises a larger column than the one just taken.
+    const double ztb = unit < 0 ? zs / m : z->value[unit];
+    const bool done = std::fabs(z->value[j]) <= ztb || j == unit;
+    svecClear(z, m);
+    if (done) break;
+    unit = j;
+    x->value[j] = 1.0;
+    x->index[0] = j;
+    x->count = 1;
+  }
+  svecClear(x, m);
+  svecClear(z, m);
+  return est;
+}
+
+// A double factor of the basis pass with its controls.
+struct PassFactor {
+  VRXfactor* f = nullptr;
+  VRXfactorCtl ctl;
+  VRXfactorMatrix A;
+  ~PassFactor() { VRXfactorFree<double>(&f); }
+  int open(VRXlp* lp, double pivotCheck) {
+    VRXfactorCtlInit(&ctl, lp->env, lp->m, lp->n);
+    ctl.markowitzTol = std::max(lp->markowitzTol, pivotCheck);
+    ctl.workFactor = lp->workFactor;
+    A = lpFactorMatrix(lp);
+    return VRXfactorCreate<double>(lp->env, lp->m, 1, &f);
+  }
+};
+
+// Factorizes head; columns without a pivot give way to the slacks of the rows without
+// one, and the factor is tried again. inHead (n+m) follows head. 0, 10001, or 10025 when
+// the factor does not settle.
+int factorWithSlacks(VRXfactor* f, const VRXfactorMatrix* A, int* head, VRXfactorCtl* ctl, char* inHead,
+                     double* work) {
+  for (int round = 0; round < 3; round++) {
+    int unpivoted = 0;
+    const int frc = VRXfactorFactorize<double>(f, A, head, ctl, work, &unpivoted);
+    if (frc) return frc == VRX_ERROR_OUT_OF_MEMORY ? frc : 10025;
+    if (unpivoted == 0) return 0;
+    for (int q = 0; q < unpivoted; q++) {
+      const int p = f->unpivotedPos[q];
+      inHead[head[p]] = 0;
+      head[p] = A->n + f->pivotlessRow[q];
+      inHead[head[p]] = 1;
+    }
+  }
+  return 10025;
 }
 
 }  // namespace
@@ -146,6 +244,12 @@ int selectBasis(State& st) {
     clockCharge(*st.clock, work);
   }
   if (rc == 10025) rc = VRXcrossBasisTri(&st.list, head, st.pivotCheck, st.basisKind == 1, &bp);
+  if (!rc) {
+    double work = 0;
+    int swaps = 0;
+    rc = VRXcrossBasisRepair(lp, head, st.pivotCheck, &work, &bp, &swaps);
+    clockCharge(*st.clock, work);
+  }
   st.lastLogTime = bp.last;
   if (rc) return rc;
 
@@ -234,18 +338,14 @@ int VRXcrossBasisLU(VRXxlist* xl, int* head, double pivotCheck, double* work, Ba
   envFree(env, flag);
   if (swapped == 0) return 0;
 
-  VRXfactor* f = nullptr;
-  if ((rc = VRXfactorCreate<double>(env, m, 1, &f))) return rc;
-  VRXfactorCtl ctl;
-  VRXfactorCtlInit(&ctl, env, m, n);
-  ctl.markowitzTol = std::max(lp->markowitzTol, pivotCheck);
-  ctl.workFactor = lp->workFactor;
-  VRXfactorMatrix A = lpFactorMatrix(lp);
+  PassFactor pf;
+  if ((rc = pf.open(lp, pivotCheck))) return rc;
+  VRXfactor* f = pf.f;
   rc = 10025;
   for (int round = 0; round < kLURounds; round++) {
     basisProgress(bp);
     int unpivoted = 0;
-    const int frc = VRXfactorFactorize<double>(f, &A, head, &ctl, work, &unpivoted);
+    const int frc = VRXfactorFactorize<double>(f, &pf.A, head, &pf.ctl, work, &unpivoted);
     if (frc) {
       rc = frc == VRX_ERROR_OUT_OF_MEMORY ? frc : 10025;
       break;
@@ -274,7 +374,72 @@ int VRXcrossBasisLU(VRXxlist* xl, int* head, double pivotCheck, double* work, Ba
     // The columns without a pivot go out for the slacks of the rows without one.
     for (int q = 0; q < unpivoted; q++) head[f->unpivotedPos[q]] = n + f->pivotlessRow[q];
   }
-  VRXfactorFree<double>(&f);
+  return rc;
+}
+
+// While the estimate of |B^-1|_1 is above the limit, the column deepest in the near
+// dependency makes room for the slack whose row weighs most in that column's row of B^-1
+// (the best conditioned exchange of all slacks).
+int VRXcrossBasisRepair(VRXlp* lp, int* head, double pivotCheck, double* work, BasisProgress* bp, int* swaps) {
+  VRXenv* env = lp->env;
+  const int n = lp->n, m = lp->m;
+  *swaps = 0;
+  if (m == 0) return 0;
+  PassFactor pf;
+  VRXsvec x{}, z{};
+  char* inHead = envCallocArray<char>(env, static_cast<size_t>(n) + m + 1);
+  int* saved = envAllocArray<int>(env, static_cast<size_t>(m));
+  int rc = inHead && saved ? pf.open(lp, pivotCheck) : VRX_ERROR_OUT_OF_MEMORY;
+  if (!rc) rc = svecAlloc(env, &x, m + 1);
+  if (!rc) rc = svecAlloc(env, &z, m + 1);
+  if (!rc) std::memcpy(saved, head, sizeof(int) * static_cast<size_t>(m));
+  for (int p = 0; p < m && !rc; p++) inHead[head[p]] = 1;
+  VRXfactor* f = pf.f;
+  const VRXfactorMatrix* A = &pf.A;
+  VRXfactorCtl* ctl = &pf.ctl;
+  if (!rc) rc = factorWithSlacks(f, A, head, ctl, inHead, work);
+  const int limit = std::min(kRepairMax, kRepairMin + m / kRepairShare);
+  for (int swap = 0; swap < limit && !rc; swap++) {
+    basisProgress(bp);
+    int worst = -1;
+    const double est = inverseNormEstimate(f, &x, &z, &worst, work);
+    if (est <= kCondLimit || worst < 0) break;
+    x.value[worst] = 1.0;
+    x.index[0] = worst;
+    x.count = 1;
+    if (VRXbtran<double>(f, &x, &x, 0, work)) break;
+    int row = -1;
+    double big = 0;
+    for (int i = 0; i < m; i++) {
+      if (!inHead[n + i] && std::fabs(x.value[i]) > big) {
+        big = std::fabs(x.value[i]);
+        row = i;
+      }
+    }
+    svecClear(&x, m);
+    if (row < 0) break;
+    inHead[head[worst]] = 0;
+    head[worst] = n + row;
+    inHead[n + row] = 1;
+    ++*swaps;
+    // The exchange as an update of the factor; a fresh factor when the update refuses.
+    x.value[row] = 1.0;
+    x.index[0] = row;
+    x.count = 1;
+    const int frc = VRXftran<double>(f, &x, &x, 1, 0, work);
+    svecClear(&x, m);
+    if (frc || VRXfactorUpdate<double>(f, worst, n + row, ctl, work) != 0)
+      rc = factorWithSlacks(f, A, head, ctl, inHead, work);
+  }
+  // A factor that failed on the way leaves the basis as the pass gave it.
+  if (rc == 10025) {
+    std::memcpy(head, saved, sizeof(int) * static_cast<size_t>(m));
+    *swaps = 0;
+    rc = 0;
+  }
+  svecFree(env, &x);
+  svecFree(env, &z);
+  envFreeAll(env, inHead, saved);
   return rc;
 }
 

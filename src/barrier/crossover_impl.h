@@ -46,6 +46,8 @@ struct State {
   double pivotCheck;   // relative pivot threshold of the basis pass
   double pushMoves;    // basis exchanges and bound moves of the push phases
   int pushFailed;      // numeric trouble in a push pass
+  bool driftCheck;     // carried values far from recomputed ones count as trouble
+  double relPivot;     // push pivots below this share of their row or column wait
   double hugeDual;     // largest |reduced cost| met while pushing
   int freeLeft;        // free variables that could not be made basic
   int status;          // 1 while pushing; 9 or 11 after a limit
@@ -79,6 +81,11 @@ int VRXcrossBasisTri(VRXxlist* xl, int* head, double pivotCheck, int stable, Bas
 // the pass above).
 int VRXcrossBasisLU(VRXxlist* xl, int* head, double pivotCheck, double* work, BasisProgress* bp);
 
+// Replaces columns of the non-singular basis head by slacks while the estimated 1-norm
+// of its inverse is large: snapping the nonbasic values to their bounds moves the basic
+// ones by about that many times the move. *swaps is the number replaced. 0 or 10001.
+int VRXcrossBasisRepair(VRXlp* lp, int* head, double pivotCheck, double* work, BasisProgress* bp, int* swaps);
+
 // The two push loops; phase is 1 for the first pushes, 2 for the second. They return
 // 0 or an error; st.status leaves 1 on a limit, st.pushFailed is set on numeric trouble.
 // *found is the number of targets the pass had.
@@ -89,9 +96,11 @@ int VRXcrossPushPrimal(State& st, int phase, int* found);
 
 // Factor from lp's basis head with a silent slack repair of dropped columns, then Bbar
 // from the nonbasic values (and Cbar of the nonbasics from the basics' reduced costs
-// when withDual). Returns 0 or an error; a repair sets st.pushFailed.
+// when withDual). carried: Bbar holds the values the pushes carried, and with
+// st.driftCheck a large distance from the recomputed ones fails the pushes. Returns 0 or
+// an error; a repair sets st.pushFailed.
 template <class T>
-int refresh(State& st, bool withDual);
+int refresh(State& st, bool withDual, bool carried = false);
 // Sums of primal and dual infeasibility of the basis with the true costs, into st.pinf
 // and st.dinf (Bbar and Cbar left as the simplex reads them: Cbar sign-turned at upper).
 template <class T>

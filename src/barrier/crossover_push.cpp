@@ -32,13 +32,11 @@ int leaveStatus(State& st, int j, double v) {
   return VRX_VS_FREE;
 }
 
-// Relative size of a push pivot, against the largest entry of its row or column, below
-// which the exchange would leave a badly conditioned basis.
-constexpr double kRelPivot = 1e-4;
-
+// A push pivot below pivotTol, or below st.relPivot times the largest entry of its row
+// or column, would leave a badly conditioned basis: the push waits for a fresh factor.
 template <class T>
-bool smallPivot(const VRXlp* lp, T a, T biggest) {
-  return absT(a) < T(lp->pivotTol) || absT(a) < T(kRelPivot) * biggest;
+bool smallPivot(const State& st, T a, T biggest) {
+  return absT(a) < T(st.lp->pivotTol) || absT(a) < T(st.relPivot) * biggest;
 }
 
 template <class T>
@@ -78,7 +76,7 @@ int exchange(State& st, int p, int q, bool withDual) {
     return rc;
   }
   f->basisHead[p] = q;
-  return refresh<T>(st, withDual);
+  return refresh<T>(st, withDual, true);
 }
 
 // Sums for the log lines: reduced costs left on basics plus wrong-signed ones on
@@ -268,7 +266,7 @@ int pushDualOne(State& st, int j, int r, bool retry, bool* skipped) {
   const T a = row->value[bestK];
   T rowMax = T(0);
   for (int k = 0; k < cnt; k++) rowMax = std::max(rowMax, absT(row->value[row->index[k]]));
-  if (smallPivot(lp, a, rowMax)) {
+  if (smallPivot(st, a, rowMax)) {
     // Deferred once; still small after a fresh factor, the clean-up gets it.
     *skipped = !retry;
     return 0;
@@ -405,7 +403,7 @@ int pushPrimalOne(State& st, int k, bool retry, bool* skipped, bool* stayed) {
   const T a = col->value[bestP];
   T colMax = T(0);
   for (int q = 0; q < ents; q++) colMax = std::max(colMax, absT(col->value[cc < 0 ? q : col->index[q]]));
-  if (smallPivot(lp, a, colMax)) {
+  if (smallPivot(st, a, colMax)) {
     *skipped = !retry;
     return 0;
   }
@@ -425,8 +423,11 @@ int pushPrimalOne(State& st, int k, bool retry, bool* skipped, bool* stayed) {
 
 }  // namespace
 
+// Relative distance of carried basic values from recomputed ones that fails the pushes.
+constexpr double kDriftLimit = 1.0;
+
 template <class T>
-int refresh(State& st, bool withDual) {
+int refresh(State& st, bool withDual, bool carried) {
   VRXlp* lp = st.lp;
   const int n = st.n, m = st.m;
   auto v = dual::view<T>(lp);
@@ -477,6 +478,14 @@ int refresh(State& st, bool withDual) {
   int rc = VRXftran<T>(f, in, in, 0, 0, work);
   if (rc) return rc;
   bool bad = false;
+  if (carried && st.driftCheck) {
+    // The values carried through the pushes against the recomputed ones: far apart, the
+    // updates have lost the point and the pushes go on from noise.
+    for (int p = 0; p < m; p++) {
+      const double now = static_cast<double>(in->value[p]);
+      if (std::fabs(now - static_cast<double>(v.Bbar[p])) > kDriftLimit * (1.0 + std::fabs(now))) bad = true;
+    }
+  }
   for (int p = 0; p < m; p++) {
     v.Bbar[p] = in->value[p];
     if (!(absT(in->value[p]) < T(st.valueCap))) bad = true;
@@ -565,7 +574,7 @@ int pushTargets(State& st, int cnt, bool withDual, One one, Progress progress, b
       if (deferred == 0) break;
       std::copy(st.deferred, st.deferred + deferred, st.targets);
       todo = deferred;
-      int rc = refresh<T>(st, withDual);
+      int rc = refresh<T>(st, withDual, true);
       if (rc) return rc;
     }
     for (int t = 0; t < todo; t++) {
@@ -581,7 +590,9 @@ int pushTargets(State& st, int cnt, bool withDual, One one, Progress progress, b
       if (logDue(st, t, todo)) progress(todo - t - 1);
     }
   }
-  return 0;
+  // With the drift check on, the end of the list is checked like a refactor, and the next
+  // pass starts from recomputed values.
+  return st.driftCheck ? refresh<T>(st, withDual, true) : 0;
 }
 
 template <class T>
@@ -661,7 +672,7 @@ int VRXcrossPushPrimal(State& st, int phase, int* found) {
 }
 
 #define VRX_CROSS_INST(T)                                  \
-  template int refresh<T>(State&, bool);                   \
+  template int refresh<T>(State&, bool, bool);             \
   template int startBasis<T>(State&);                      \
   template int measure<T>(State&);                         \
   template int VRXcrossPushDual<T>(State&, int, int*);     \

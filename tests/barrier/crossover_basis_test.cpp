@@ -79,6 +79,99 @@ TEST(CrossoverBasis, NearlyDependentCandidatesGiveWayToSlacks) {
   EXPECT_TRUE(h[2] == 3 || h[2] == 4) << h[2];
 }
 
+namespace {
+
+// Exact |B^-1|_1 of the basis head of lp, by Gauss-Jordan with partial pivoting.
+double inverseNorm(const VRXlp* lp, const std::vector<int>& head) {
+  const int m = lp->m;
+  std::vector<double> a(static_cast<size_t>(m) * 2 * m, 0.0);
+  auto at = [&](int i, int j) -> double& { return a[static_cast<size_t>(i) * 2 * m + j]; };
+  for (int p = 0; p < m; p++) {
+    const int j = head[p];
+    if (j >= lp->n) {
+      at(j - lp->n, p) = 1.0;
+    } else {
+      for (int64_t k = lp->colBeg[j]; k < lp->colBeg[j] + lp->colLen[j]; k++) at(lp->rowInd[k], p) = lp->val[k];
+    }
+    at(p, m + p) = 1.0;
+  }
+  for (int c = 0; c < m; c++) {
+    int piv = c;
+    for (int i = c + 1; i < m; i++)
+      if (std::fabs(at(i, c)) > std::fabs(at(piv, c))) piv = i;
+    if (at(piv, c) == 0.0) return INFINITY;
+    for (int k = 0; k < 2 * m; k++) std::swap(at(c, k), at(piv, k));
+    const double d = at(c, c);
+    for (int k = 0; k < 2 * m; k++) at(c, k) /= d;
+    for (int i = 0; i < m; i++) {
+      if (i == c || at(i, c) == 0.0) continue;
+      const double f = at(i, c);
+      for (int k = 0; k < 2 * m; k++) at(i, k) -= f * at(c, k);
+    }
+  }
+  double norm = 0;
+  for (int k = 0; k < m; k++) {
+    double s = 0;
+    for (int i = 0; i < m; i++) s += std::fabs(at(i, m + k));
+    norm = std::max(norm, s);
+  }
+  return norm;
+}
+
+}  // namespace
+
+TEST(CrossoverBasis, RepairBreaksTheChainsOfABadlyConditionedStart) {
+  Env e;
+  // Column j has 1 in row j and -growth in row j-1: B is upper bidiagonal, non-singular
+  // with unit pivots, and its inverse holds growth^k. Every test a pivot passes, yet the
+  // small moves onto bounds would come back multiplied by growth^(m-1).
+  const int m = 10;
+  for (double growth : {0.5, 10.0, 100.0}) {
+    SCOPED_TRACE(growth);
+    ModelDef d;
+    d.obj.assign(m, 1.0);
+    d.lb.assign(m, 0.0);
+    d.ub.assign(m, 10.0);
+    d.rhs.assign(m, 1.0);
+    d.sense = std::string(m, '<');
+    for (int j = 0; j < m; j++) {
+      std::vector<std::pair<int, double>> col = {{j, 1.0}};
+      if (j > 0) col.push_back({j - 1, -growth});
+      d.cols.push_back(col);
+    }
+    VRXmodel* model = loadModelDef(e.env, d);
+    double work = 0;
+    ASSERT_EQ(0, VRXlpSetup(model, 2, &work));
+    auto* lp = static_cast<VRXlp*>(model->lp);
+    std::vector<int> head(m);
+    for (int p = 0; p < m; p++) head[p] = p;
+    const double before = inverseNorm(lp, head);
+    int swaps = -1;
+    ASSERT_EQ(0, vrx::cross::VRXcrossBasisRepair(lp, head.data(), 0.1, &work, nullptr, &swaps));
+    const double after = inverseNorm(lp, head);
+    // Still m distinct variables, a non-singular basis, and only slacks came in.
+    std::vector<int> sorted = head;
+    std::sort(sorted.begin(), sorted.end());
+    EXPECT_TRUE(std::adjacent_find(sorted.begin(), sorted.end()) == sorted.end());
+    int slacks = 0;
+    for (int p = 0; p < m; p++) {
+      if (head[p] >= m) slacks++;
+      else EXPECT_EQ(p, head[p]);
+    }
+    EXPECT_EQ(swaps, slacks);
+    if (growth < 1) {
+      // Well conditioned: left alone.
+      EXPECT_EQ(0, swaps);
+    } else {
+      EXPECT_GT(before, 1e9);
+      EXPECT_GE(swaps, 1);
+      EXPECT_LE(swaps, 4);
+      EXPECT_LT(after, 1e6) << before;
+    }
+    VRXfreemodel(model);
+  }
+}
+
 TEST(CrossoverPush, ProgressLinesAndIterationCounts) {
   Env e;
   // 150 columns in [0, 1] under one loose row and no costs: every column is a candidate,

@@ -71,6 +71,21 @@ Outcome cross(VRXmodel* m, const VRXbarsol* sol, int mode = 0) {
 
 using Env = vrxtest::QuietEnv;
 
+// A fresh log and a crossover that ends at the optimum obj, with the restart's lines once
+// or not at all.
+Outcome crossTo(VRXmodel* m, const VRXbarsol* sol, double obj, bool restart) {
+  capturedLog().clear();
+  Outcome o = cross(m, sol);
+  EXPECT_EQ(0, o.rc);
+  EXPECT_EQ(VRX_OPTIMAL, o.status);
+  EXPECT_NEAR(obj, o.obj, 1e-9);
+  const std::string& log = capturedLog();
+  const size_t at = log.find("\nRestart crossover...\n\n");
+  EXPECT_EQ(restart, at != std::string::npos) << log;
+  EXPECT_EQ(std::string::npos, log.find("Restart crossover", restart ? at + 5 : 0));
+  return o;
+}
+
 // The interior point: values, duals and reduced costs in the minimising sense.
 VRXbarsol* point(VRXmodel* m, const std::vector<double>& x, const std::vector<double>& pi, double obj) {
   const int n = static_cast<int>(x.size()), rows = static_cast<int>(pi.size());
@@ -294,14 +309,7 @@ TEST(Crossover, HugeDualsRestartOnceAndParametersComeBack) {
   VRXsetdblparam(menv, "MarkowitzTol", 0.01);
   VRXsetdblparam(menv, "PerturbValue", 0.5);
   VRXbarsol* s = point(m, {1.0 + 1e-9}, {1e31}, 1.0);
-  Outcome o = cross(m, s);
-  EXPECT_EQ(0, o.rc);
-  EXPECT_EQ(VRX_OPTIMAL, o.status);
-  EXPECT_NEAR(1.0, o.obj, 1e-9);
-  const std::string& log = capturedLog();
-  const size_t at = log.find("\nRestart crossover...\n\n");
-  EXPECT_NE(std::string::npos, at);
-  EXPECT_EQ(std::string::npos, log.find("Restart crossover", at + 5));
+  crossTo(m, s, 1.0, true);
   double v = 0;
   VRXgetdblparam(menv, "MarkowitzTol", &v);
   EXPECT_EQ(0.01, v);
@@ -310,11 +318,43 @@ TEST(Crossover, HugeDualsRestartOnceAndParametersComeBack) {
 
   // With the dual cleaning the wild dual goes before anything is pushed.
   VRXsetintparam(menv, "VORN_PAR_CROSSOVERPI", 1);
-  capturedLog().clear();
-  o = cross(m, s);
-  EXPECT_EQ(VRX_OPTIMAL, o.status);
-  EXPECT_NEAR(1.0, o.obj, 1e-9);
-  EXPECT_EQ(std::string::npos, capturedLog().find("Restart crossover"));
+  crossTo(m, s, 1.0, false);
+  vrx::barsolFree(m->env, s);
+  VRXfreemodel(m);
+}
+
+TEST(Crossover, CarriedValuesThatDriftRestartOnce) {
+  Env e;
+  // min 2.5e-3 x0 + x1, -2.5e-3 x0 + x1 <= 0.003, x0 in [0, 2], x1 in [0, 10]: optimum 0 at
+  // the origin. The point has x0 at its upper bound and the slack 0.008 off its bound with
+  // dual -1: the slack's dual push lets x0 in on its pivot of 2.5e-3 and leaves at its value.
+  ModelDef d;
+  d.obj = {2.5e-3, 1};
+  d.lb = {0, 0};
+  d.ub = {2, 10};
+  d.rhs = {0.003};
+  d.sense = "<";
+  d.cols = {{{0, -2.5e-3}}, {{0, 1}}};
+  VRXmodel* m = loadModelDef(e.env, d);
+  VRXenv* menv = VRXgetenv(m);
+  captureLogOf(menv);
+  VRXsetintparam(menv, "VORN_PAR_CROSSOVERPI", 0);
+  VRXsetintparam(menv, "ScaleFlag", 0);
+  VRXsetdblparam(menv, "MarkowitzTol", 0.01);
+  VRXbarsol* s = point(m, {2.0, 0.0}, {-1.0}, 5e-3);
+  // Under the default tolerance the slack leaves where it is: nothing drifts.
+  crossTo(m, s, 0.0, false);
+  // Within a loose tolerance of its bound it leaves at the bound, 0.008 lower, which moves
+  // x0 to -1.2 while the carried value stays 2: the pushes start again, once, with stricter
+  // pivots that leave the push to the clean-up.
+  VRXsetdblparam(menv, "FeasibilityTol", 1e-2);
+  crossTo(m, s, 0.0, true);
+  double v = 0;
+  VRXgetdblparam(menv, "MarkowitzTol", &v);
+  EXPECT_EQ(0.01, v);
+  // Without the restart the drift is carried into the clean-up, which still ends optimal.
+  VRXsetintparam(menv, "VORN_PAR_RECROSSOVER", 0);
+  crossTo(m, s, 0.0, false);
   vrx::barsolFree(m->env, s);
   VRXfreemodel(m);
 }
