@@ -11,7 +11,7 @@ crossover (Crossover=0) and clp with its own defaults (barrier, then crossover);
 
   bench/barrier_bench.py [--dir DIR] [--timelimit S] [--presolve 0|1|-1]
                          [--crossover] [--vornix-args "..."] [--clp-args "..."]
-                         [--out PREFIX] [--filter REGEX] [--no-clp] [--threads N]
+                         [--out PREFIX] [--filter REGEX] [--no-clp] [--threads N] [--repeat N]
 """
 import argparse
 import os
@@ -23,8 +23,8 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
 sys.path.insert(0, HERE)
 
-from lp_bench import (add_common_args, load_reference, model_files, objective_ok, parse_clp, run,  # noqa: E402
-                      summarize)
+from lp_bench import (add_common_args, load_reference, model_files, objective_ok, parse_clp,  # noqa: E402
+                      run_best, summarize, warm)
 
 
 def parse_vornix_barrier(text):
@@ -68,13 +68,14 @@ def main():
         if not args.crossover:
             vcmd.append("Crossover=0")
         vcmd += args.vornix_args.split() + [path]
-        tv, _, text = run(vcmd, args.timelimit)
+        warm(path)
+        tv, _, text = run_best(vcmd, args.timelimit, args.repeat)
         sv, ov, iv = parse_vornix_barrier(text)
         row = {"model": name, "vornix_time": tv, "vornix_iters": iv, "vornix_status": sv, "vornix_obj": ov}
         if clp:
             ccmd = [clp, path, "-sec", str(args.timelimit), "-threads", str(args.threads)]
             ccmd += args.clp_args.split() + ["-barrier"]
-            tc, _, ctext = run(ccmd, args.timelimit)
+            tc, _, ctext = run_best(ccmd, args.timelimit, args.repeat)
             sc, oc, _ = parse_clp(ctext)
         else:
             tc, sc, oc = float("nan"), "missing", None
