@@ -339,6 +339,13 @@ void restoreBest(VRXbar* bar) {
   bar->kappa = bar->bkappa;
 }
 
+// The final lines of a run that an error ended after its iterations began.
+int errorEnd(VRXenv* env, const VRXbar& bar, const Clock& clock, int rc) {
+  log(env, "Barrier performed %d iterations in %.2f seconds\n", std::max(bar.iter, 0), clockElapsed(clock));
+  log(env, "Error termination\n");
+  return rc;
+}
+
 bool solvedElsewhere(const VRXenv* env) {
   const int flag = env->terminateFlagRef ? *env->terminateFlagRef : 0;
   return flag == kStopSolvedElsewhere || (env->cbData && env->cbData->instanceRun && flag != 1);
@@ -916,7 +923,7 @@ int VRXbarrier(VRXmodel* model, Clock& clock, const BarRunOpts& opts, VRXbarsol*
     log(env, "                  Objective                Residual\n");
     log(env, "Iter       Primal          Dual         Primal    Dual     Compl     Time\n");
     rc = iterate(model, &bar, clock, &status);
-    if (rc && status != VRX_INTERRUPTED) return rc;
+    if (rc && status != VRX_INTERRUPTED) return errorEnd(env, bar, clock, rc);
   }
   const int k = std::max(bar.iter, 0);
   // End of the run: the best point when the last one is worse, and the mid-way rules.
@@ -938,7 +945,7 @@ int VRXbarrier(VRXmodel* model, Clock& clock, const BarRunOpts& opts, VRXbarsol*
   // The point in the model's terms.
   const int n = d->numVars, m = d->numConstrs;
   VRXbarsol* sol = barsolCreate(env, n, m);
-  if (!sol) return VRX_ERROR_OUT_OF_MEMORY;
+  if (!sol) return errorEnd(env, bar, clock, VRX_ERROR_OUT_OF_MEMORY);
   const double tau = bar.tau > 0 ? bar.tau : 1;
   for (int j = 0; j < n; ++j) {
     const double xs = bar.kind[j] == 3 ? 0 : bar.x[j] * bar.colScale[j] / tau;

@@ -315,6 +315,7 @@ TEST(Barrier, OutOfMemoryLeavesNothingBehind) {
     }
     ASSERT_GT(total, 10);
     const long stride = total > 200 ? total / 200 : 1;
+    int failedMidRun = 0;
     for (long k = 0; k < total; k += stride) {
       HookState st;
       VRXenv* env = nullptr;
@@ -323,13 +324,29 @@ TEST(Barrier, OutOfMemoryLeavesNothingBehind) {
       VRXmodel* m = loadModelDef(env, d);
       barrierParams(m, presolve);
       st.failAt = st.calls + k;
+      VRXsetintparam(VRXgetenv(m), "OutputFlag", 1);
+      captureLogOf(VRXgetenv(m));
       const int rc = VRXoptimize(m);
+      const std::string log = capturedLog();
       EXPECT_TRUE(rc == 0 || rc == VRX_ERROR_OUT_OF_MEMORY) << "call " << k << " rc " << rc;
+      // A barrier whose iterations began always closes with its final lines, an error
+      // with "Error termination".
+      if (log.find("Iter       Primal") != std::string::npos) {
+        const bool closed = log.find("Barrier solved model in ") != std::string::npos ||
+                            log.find("Barrier performed ") != std::string::npos;
+        EXPECT_TRUE(closed) << log;
+        if (log.find("Error termination\n") != std::string::npos) {
+          ++failedMidRun;
+          EXPECT_EQ(VRX_ERROR_OUT_OF_MEMORY, rc);
+        }
+      }
       st.failAt = -1;
       VRXfreemodel(m);
       VRXfreeenv(env);
       EXPECT_EQ(0, st.live) << "presolve " << presolve << " call " << k;
     }
+    // The sweep reaches failures inside the iterations (the barrier's own result block).
+    EXPECT_GT(failedMidRun, 0) << "presolve " << presolve;
   }
 }
 
