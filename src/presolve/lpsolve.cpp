@@ -88,7 +88,10 @@ int lpPresolveSolve(VRXmodel* model, int method, Clock& clock, PresolvedSolve* o
         return 0;
       }
     } else {
-      rc = VRXlpSetup(pre, method, &clock.work);
+      // A plain LP of the LP driver: the dual gets its stronger perturbation.
+      VRXlpSetupOpts so;
+      so.modelKind = VRX_LPKIND_LP;
+      rc = VRXlpSetup(pre, method, &clock.work, &so);
       if (rc) return rc;
       VRXlp* plp = static_cast<VRXlp*>(pre->lp);
       rc = lpRunSimplex(plp, method, clock);

@@ -48,6 +48,7 @@ struct VRXdualprice {
   double* boxLower;     // n+m: bounds of the box phase
   double* boxUpper;
   int boxPhase;         // 1 while the box phase runs
+  int boundsMoved;      // the bounds in force changed since Bbar was last computed
   int* cand;            // n+m: candidates of the ratio test (variables)
   double* candRatio;    // n+m: break point of each candidate
   double* candGain;     // n+m: slope lost when passing it (1e300: cannot be passed)

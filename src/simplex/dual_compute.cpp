@@ -301,6 +301,7 @@ void dualBoxEnter(VRXlp* lp) {
   pr->lo = pr->boxLower;
   pr->up = pr->boxUpper;
   pr->boxPhase = 1;
+  pr->boundsMoved = 1;
   lp->boxedFlag = 1;
   lp->boxCount = boxed;
 }
@@ -332,6 +333,7 @@ void dualBoxLeave(VRXlp* lp) {
   pr->lo = lp->lower;
   pr->up = lp->upper;
   pr->boxPhase = 0;
+  pr->boundsMoved = 1;
   lp->boxedFlag = 0;
   lp->boxCount = 0;
 }
@@ -577,7 +579,10 @@ int VRXdualCompute(VRXlp* lp, Clock& clock) {
     return x;
   }();
   const double change = dualComputeBbar<T>(lp, clock, check);
-  if (check && m > 0) {
+  // Values updated under other bounds say nothing about the accuracy of the factor.
+  const bool comparable = !pr->boundsMoved;
+  pr->boundsMoved = 0;
+  if (check && m > 0 && comparable) {
     double xmax = 0.0;
     for (int p = 0; p < m; p++) xmax = std::max(xmax, std::fabs(static_cast<double>(v.Bbar[p])));
     const double base = std::max(1.0, xmaxBefore);
@@ -857,6 +862,7 @@ int VRXdualPrepare(VRXlp* lp, int startStatus, double* work) {
   pr->lo = lp->lower;
   pr->up = lp->upper;
   pr->boxPhase = 0;
+  pr->boundsMoved = 1;  // a warm start may come with other bounds
   pr->flipCount = 0;
   pr->freshFactor = 0;
   pr->shiftsInForce = 0;

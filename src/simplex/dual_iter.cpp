@@ -21,6 +21,10 @@ inline bool isTempFixed(int st) { return st <= VRX_VS_FIX_LOWER; }
 
 // Candidate entries of the pivot row below this do not count as break points.
 constexpr double kCandTol = 1e-9;
+// A shorter column wins the pivot only within this fraction of the largest entry: a smaller
+// pivot saves fill but lets the basic values grow (the pilot models lose thousands of
+// iterations to it at a tenth).
+constexpr double kShortColumnPivot = 0.5;
 // A pivot below this is taken only when no other row can be had.
 constexpr double kSmallPivot = 1e-7;
 // Gain of a break point that cannot be passed.
@@ -612,7 +616,7 @@ int VRXdualRatio(VRXlp* lp, Clock& clock) {
   double bestScore = -1.0;
   for (int s = nFlip; s < k; s++) {
     const int slot = order[s];
-    if (pr->candRatio[slot] > harris || candA[slot] < 0.1 * maxA || !reachable(slot)) continue;
+    if (pr->candRatio[slot] > harris || candA[slot] < kShortColumnPivot * maxA || !reachable(slot)) continue;
     const int j = pr->cand[slot];
     const double len = j < n ? std::max(1, lp->colLen[j]) : 0.5;
     const double score = candA[slot] / len;

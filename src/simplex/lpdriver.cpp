@@ -696,7 +696,8 @@ int publishEmpty(VRXmodel* model) {
 int directRun(VRXmodel* model, int method, Clock& clock) {
   bool fresh = model->lp == nullptr;
   VRXlp* lp = nullptr;
-  int err = lpSetupRun(model, method, clock, &lp);
+  // The model itself is the LP the driver solves: the dual's stronger perturbation.
+  int err = lpSetupRun(model, method, clock, &lp, VRX_LPKIND_LP);
   if (err) return err;
   int runMethod = method;
   if (fresh) {
@@ -716,7 +717,7 @@ int directRun(VRXmodel* model, int method, Clock& clock) {
   err = lpRunSimplex(lp, runMethod, clock);
   if (err == 100001 || err == 100002) {
     VRXlpFreeOnModel(model);
-    err = lpSetupRun(model, method, clock, &lp);
+    err = lpSetupRun(model, method, clock, &lp, VRX_LPKIND_LP);
     if (err) return err;
     err = lpRunSimplex(lp, method, clock);
   }
@@ -842,10 +843,12 @@ struct SavedParams {
 
 }  // namespace
 
-int lpSetupRun(VRXmodel* model, int method, Clock& clock, VRXlp** out) {
+int lpSetupRun(VRXmodel* model, int method, Clock& clock, VRXlp** out, int modelKind) {
   *out = nullptr;
   double work = 0;
-  int err = VRXlpSetup(model, method, &work);
+  VRXlpSetupOpts so;
+  so.modelKind = modelKind;
+  int err = VRXlpSetup(model, method, &work, &so);
   if (err) return err;
   clockCharge(clock, work);
   auto* lp = static_cast<VRXlp*>(model->lp);

@@ -3,6 +3,7 @@
 
 #include "env/clock.h"
 #include "model/model.h"
+#include "simplex/lp.h"
 
 struct VRXlp;
 struct VRXresult;
@@ -58,8 +59,8 @@ int concurrentLP(VRXmodel* model, Clock& clock);
 
 // The record for a run by method on the model (the kept one, or a new one), the work of
 // its setup charged to the clock, its counts and status started afresh. 0 or an error;
-// *lp the record.
-int lpSetupRun(VRXmodel* model, int method, Clock& clock, VRXlp** lp);
+// *lp the record. modelKind is a VRX_LPKIND_ value for a new record.
+int lpSetupRun(VRXmodel* model, int method, Clock& clock, VRXlp** lp, int modelKind = VRX_LPKIND_OTHER);
 
 // The end of a simplex run on model->lp: the final checks, the results published and the
 // closing lines. 0 or an error.

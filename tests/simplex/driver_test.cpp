@@ -297,7 +297,7 @@ TEST(Driver, HandOverToPrimalInTheLoop) {
 TEST(Driver, UnscaledCheckAndRerun) {
   for (int vio : {0, -2}) {
     Env e;
-    Model h(readNetlib(e.env, "grow7"));
+    Model h(readNetlib(e.env, "grow15"));
     VRXenv* menv = VRXgetenv(h.m);
     captureLogOf(menv);
     VRXsetintparam(menv, "Presolve", 0);
@@ -309,7 +309,7 @@ TEST(Driver, UnscaledCheckAndRerun) {
     VRXgetintattr(h.m, "Status", &status);
     VRXgetdblattr(h.m, "ObjVal", &obj);
     EXPECT_EQ(VRX_OPTIMAL, status);
-    EXPECT_NEAR(-4.7787811815e+07, obj, 1e-6 * 4.78e7);
+    EXPECT_NEAR(-1.0687094129e+08, obj, 1e-6 * 1.07e8);
     auto* lp = static_cast<VRXlp*>(h.m->lp);
     ASSERT_NE(nullptr, lp);
     const bool warned = capturedLog().find("Warning: unscaled primal violation = ") != std::string::npos;
@@ -788,7 +788,7 @@ TEST(Driver, StartsWithoutABasis) {
         EXPECT_EQ(2, status) << name << " parts " << parts << " method " << method;
         EXPECT_NEAR(o.obj, obj, 1e-7 * (1 + std::fabs(o.obj))) << name << " parts " << parts;
         // Duals alone leave the degenerate choices open: fewer iterations than cold, not few.
-        const double bound = parts == 2 ? 0.6 * o.iters : std::max(3.0, 0.25 * o.iters);
+        const double bound = parts == 2 ? 0.7 * o.iters : std::max(3.0, 0.25 * o.iters);
         EXPECT_LE(it, bound) << name << " parts " << parts << " method " << method;
       }
     }

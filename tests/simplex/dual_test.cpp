@@ -1203,4 +1203,72 @@ TEST(DualSimplex, DevexWeightsFollowTheirUpdateRule) {
   for (int j = 0; j < n + m; j++) EXPECT_EQ(lp->varStat[j] < 0 ? 1 : 0, lp->refFramework[j]) << j;
 }
 
+TEST(DualSimplex, PivotOfTheRatioTestAmongTiedBreakPoints) {
+  // -a x - y <= -1 with y also in three loose rows: the slack of the first row leaves, and x
+  // (one entry) and y (four entries) reach zero reduced cost at the same step. A short column
+  // wins only with a pivot of comparable size; a third of the largest would let the basic
+  // values grow.
+  auto enterFor = [](double a) {
+    Env e;
+    ModelDef d;
+    d.obj = {a, 1};
+    d.lb = {0, 0};
+    d.ub = {1e100, 1e100};
+    d.rhs = {-1, 100, 100, 100};
+    d.sense = "<<<<";
+    d.cols = {{{0, -a}}, {{0, -1}, {1, 1}, {2, 1}, {3, 1}}};
+    Model mm(load(e.env, d));
+    VRXsetintparam(mm.env(), "ScaleFlag", 0);
+    vrx::Clock clock = vrx::clockStart();
+    readyForIteration(mm, clock);
+    VRXlp* lp = mm.lp();
+    vrx::dual::VRXdualPrice<double>(lp);
+    EXPECT_EQ(0, lp->leaveRow);
+    EXPECT_EQ(0, vrx::dual::VRXdualRatio<double>(lp, clock));
+    const int q = lp->enterVar;
+    EXPECT_EQ(0, vrx::dual::VRXdualPivot<double>(lp, clock));
+    lp->actionCode = 6;
+    EXPECT_EQ(0, runLoop(lp, clock));
+    EXPECT_EQ(2, lp->status);
+    EXPECT_NEAR(1.0, objectiveOf(lp), 1e-9);
+    return q;
+  };
+  EXPECT_EQ(0, enterFor(0.6));  // 0.6 / 1 entry beats 1 / 4 entries
+  EXPECT_EQ(1, enterFor(0.3));  // a pivot under half the largest is not taken for sparsity
+}
+
+TEST(DualSimplex, LeavingTheBoxPhaseIsNoFactorTrouble) {
+  // Basic values under the box bounds and under the true ones differ by the whole
+  // right-hand side: the accuracy check of the build after the change must not read that
+  // as residual and tighten the factor. The next check compares like with like again.
+  Env e;
+  Model mm(readNetlib(e.env, "sc50a"));
+  captureLogOf(mm.env());
+  vrx::Clock clock = vrx::clockStart();
+  readyForIteration(mm, clock);
+  VRXlp* lp = mm.lp();
+  ASSERT_EQ(1, lp->pricing->boxPhase);
+  const double mtol = lp->markowitzTol;
+  ASSERT_LT(mtol, 0.5);
+  vrx::dual::dualBoxLeave<double>(lp);
+  lp->refactorCount = 4;  // a build that checks the values
+  ASSERT_EQ(0, vrx::dual::VRXdualCompute<double>(lp, clock));
+  double xmax = 0.0;
+  for (int p = 0; p < lp->m; p++) xmax = std::max(xmax, std::fabs(lp->Bbar[p]));
+  EXPECT_GT(xmax, 1.0);
+  EXPECT_EQ(mtol, lp->markowitzTol);
+  EXPECT_EQ(std::string::npos, capturedLog().find("Markowitz"));
+  // Updated values that drifted from the recomputed ones do tighten it.
+  lp->Bbar[0] += 1e-3 * xmax;
+  lp->refactorCount = 9;
+  ASSERT_EQ(0, vrx::dual::VRXdualCompute<double>(lp, clock));
+  EXPECT_EQ(0.5, lp->markowitzTol);
+  EXPECT_NE(std::string::npos, capturedLog().find("Warning: Markowitz tolerance tightened to 0.5\n"));
+  VRXsetlogcallbackfuncenv(mm.env(), nullptr);
+  lp->actionCode = 6;
+  ASSERT_EQ(0, runLoop(lp, clock));
+  EXPECT_EQ(2, lp->status);
+  EXPECT_TRUE(closeTo(objectiveOf(lp), -64.575077059)) << objectiveOf(lp);
+}
+
 }  // namespace
